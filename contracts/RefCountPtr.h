@@ -1,0 +1,78 @@
+// The intrusive counted pointer shared by every reference-counted record of
+// the server. T derives from QUOR_RefCntObject and is copy-constructible; the
+// count lives in the object, so any number of pointers may be made from one
+// raw pointer. A single RefCountPtr is not safe to assign from two threads;
+// distinct pointers to one object may be copied and dropped concurrently.
+#ifndef SDM_CONTRACTS_REFCOUNTPTR_H
+#define SDM_CONTRACTS_REFCOUNTPTR_H
+
+#include <memory>
+
+template <class T>
+class RefCountPtr {
+ public:
+  RefCountPtr(T* p = nullptr) : target_(p) { Init(); }  // NOLINT: implicit by design
+  RefCountPtr(RefCountPtr const& other) : target_(other.target_) { Init(); }
+  ~RefCountPtr() {
+    if (target_ != nullptr) target_->RemoveReference();
+    target_ = nullptr;
+  }
+
+  RefCountPtr& operator=(T* p) {
+    if (p == target_) return *this;
+    if (target_ != nullptr) target_->RemoveReference();
+    target_ = p;
+    Init();
+    return *this;
+  }
+  RefCountPtr& operator=(RefCountPtr const& other) {
+    if (other.target_ == target_) return *this;
+    if (target_ != nullptr) target_->RemoveReference();
+    // Read again: releasing the old target may have destroyed the object
+    // that holds `other`, and with it nothing we may still trust but this.
+    target_ = other.target_;
+    Init();
+    return *this;
+  }
+
+  bool operator==(RefCountPtr const& other) const { return target_ == other.target_; }
+  bool operator!=(RefCountPtr const& other) const { return target_ != other.target_; }
+  bool operator==(T const* p) const { return target_ == p; }
+  bool operator!=(T const* p) const { return target_ != p; }
+
+  T* operator->() { return target_; }
+  T const* operator->() const { return target_; }
+  T& operator*() { return *target_; }
+  T const& operator*() const { return *target_; }
+  T* get() { return target_; }
+  T const* get() const { return target_; }
+  bool IsValid() const { return target_ != nullptr; }
+
+  // Takes this pointer's reference on the target, first replacing a target
+  // that may not be shared by a private copy of it.
+  void Init() {
+    if (target_ == nullptr) return;
+    if (!target_->IsShareable()) target_ = Copy(*target_);
+    target_->AddReference();
+  }
+
+  // Makes the target this pointer's alone and returns it. When the copy
+  // throws, the reference on the old target has already gone, so the pointer
+  // is left null rather than releasing that reference twice.
+  T* Unshared() {
+    if (!target_->IsShared()) return target_;
+    T* old = target_;
+    old->RemoveReference();
+    target_ = nullptr;
+    target_ = Copy(*old);
+    Init();
+    return target_;
+  }
+
+ private:
+  static T* Copy(T const& from) { return new T(from); }
+
+  T* target_;
+};
+
+#endif  // SDM_CONTRACTS_REFCOUNTPTR_H

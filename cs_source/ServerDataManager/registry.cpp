@@ -1,0 +1,200 @@
+#include "registry.h"
+
+#include <algorithm>
+#include <iterator>
+#include <list>
+#include <vector>
+
+#include "datasource.h"
+#include "errormonitor.h"
+
+struct ServerDataManager::Data {
+  // A search takes the first match in table order; these are its keys.
+  struct LUIDMatch {
+    LocallyUniqueID key;
+    bool operator()(SvrDMItemPtr const& item) const { return item->dataSetID == key; }
+  };
+  struct HandleMatch {
+    std::string key;
+    bool operator()(SvrDMItemPtr const& item) const {
+      return QUORMBstricmp_A(key.c_str(), item->handle.c_str()) == 0;
+    }
+  };
+  struct FileNameMatch {
+    std::string key;
+    bool operator()(SvrDMItemPtr const& item) const {
+      return QUORMBstricmp_A(key.c_str(), item->fileName.c_str()) == 0;
+    }
+  };
+
+  explicit Data(ServerDataManager* manager) : owner(manager) {}
+
+  template <class Match>
+  std::vector<SvrDMItemPtr>::iterator Find(Match const& match) SDM_REQUIRES(registryLock) {
+    return std::find_if(items.begin(), items.end(), match);
+  }
+
+  // Guarded by registryLock.
+  std::vector<SvrDMItemPtr> items SDM_GUARDED_BY(registryLock);
+  std::list<ServerDataManagerObserver*> observers SDM_GUARDED_BY(registryLock);
+  uint32_t idGroup = 0;
+  uint32_t nextIdSerial SDM_GUARDED_BY(registryLock) = 0;
+
+  CriticalSection registryLock;
+
+  // Exchanged without a lock; callers keep it apart from Add.
+  QUOR_DataSourceFilterHook* filterHook = nullptr;
+
+  // Set at construction.
+  ServerDataManager* const owner;
+};
+
+namespace {
+// Built during the library's static initialisation, before any caller runs.
+ServerDataManager gInstance;
+}  // namespace
+
+ServerDataManager& ServerDataManager::GetInstance() { return gInstance; }
+
+ServerDataManager::ServerDataManager() : data_(new Data(this)) {}
+
+ServerDataManager::~ServerDataManager() SDM_NO_THREAD_SAFETY_ANALYSIS {
+  if (!data_) return;
+  // No lock and no notices: the process or the library is going away. Items
+  // that nobody else refers to end here, first added first.
+  data_->observers.clear();
+  for (SvrDMItemPtr& item : data_->items) item = nullptr;
+  data_->items.clear();
+}
+
+LocallyUniqueID ServerDataManager::NextID() {
+  CriticalSection::Lock lock(data_->registryLock);
+  // The counter moves before the item is built, so a failed add loses its
+  // identifier rather than handing it out twice.
+  LocallyUniqueID id(data_->idGroup & 0xFu, data_->nextIdSerial & 0xFFFFFFFu);
+  ++data_->nextIdSerial;
+  return id;
+}
+
+LocallyUniqueID ServerDataManager::Add(QUOR_DataSource& dataSource, std::string const& fileName,
+                                       bool silent) {
+  CriticalSection::Lock lock(data_->registryLock);
+  LocallyUniqueID id = NextID();
+  AddItem(&dataSource, fileName, false, std::string(), false, silent, id, 0);
+  return id;
+}
+
+LocallyUniqueID ServerDataManager::Add(QUOR_DataSource& dataSource, std::string const& fileName,
+                                       std::string const& password, bool passwordMangled,
+                                       bool silent) {
+  CriticalSection::Lock lock(data_->registryLock);
+  LocallyUniqueID id = NextID();
+  AddItem(&dataSource, fileName, true, password, passwordMangled, silent, id, 0);
+  return id;
+}
+
+void ServerDataManager::Add(QUOR_DataSource& dataSource, std::string const& fileName, bool silent,
+                            LocallyUniqueID id, unsigned int caseSequence) {
+  CriticalSection::Lock lock(data_->registryLock);
+  // The old dataset's notice and removal come before anything of the new.
+  Delete(id);
+  AddItem(&dataSource, fileName, false, std::string(), false, silent, id, caseSequence);
+}
+
+LocallyUniqueID ServerDataManager::AddEmpty(bool silent) {
+  CriticalSection::Lock lock(data_->registryLock);
+  LocallyUniqueID id = NextID();
+  AddItem(nullptr, std::string(), false, std::string(), false, silent, id, 0);
+  return id;
+}
+
+void ServerDataManager::AddItem(QUOR_DataSource* dataSource, std::string const& fileName,
+                                bool hasPassword, std::string const& password, bool passwordMangled,
+                                bool silent, LocallyUniqueID id, unsigned int caseSequence) {
+  CriticalSection::Lock lock(data_->registryLock);
+  if (data_->filterHook != nullptr && dataSource != nullptr) {
+    dataSource = data_->filterHook->Filter(dataSource);
+  }
+
+  // One file is held by one dataset: a later dataset of a name that is open
+  // already keeps the name aside instead of holding the file a second time.
+  bool alreadyOpen = data_->Find(Data::FileNameMatch{fileName}) != data_->items.end();
+  SvrDMItemPtr item(new SvrDMItem(id, dataSource, data_->owner, caseSequence,
+                                  alreadyOpen ? std::string() : fileName, !silent));
+  if (hasPassword) item->Password(password, passwordMangled);
+  if (alreadyOpen) item->sharedFileName = fileName;
+  data_->items.push_back(item);
+  NotifyCreate(*item);
+}
+
+void ServerDataManager::Delete(LocallyUniqueID const& id) {
+  CriticalSection::Lock lock(data_->registryLock);
+  auto found = data_->Find(Data::LUIDMatch{id});
+  if (found == data_->items.end()) return;
+  RemoveAt(static_cast<std::size_t>(found - data_->items.begin()));
+}
+
+void ServerDataManager::Clear() {
+  // Held for the whole walk: the table may not change under the index.
+  CriticalSection::Lock lock(data_->registryLock);
+  for (std::size_t i = data_->items.size(); i > 0; --i) RemoveAt(i - 1);
+}
+
+void ServerDataManager::RemoveAt(std::size_t index) {
+  CriticalSection::Lock lock(data_->registryLock);
+  // The local copy keeps the item alive past its entry; if it is the last
+  // reference, the item ends when this scope does, still inside the lock.
+  SvrDMItemPtr item = data_->items[index];
+  LocallyUniqueID id = item->dataSetID;
+  if (item->announce) {
+    for (auto it = data_->observers.begin(); it != data_->observers.end(); ++it) {
+      (*it)->DataSetDeleted(id);
+    }
+  }
+  data_->items.erase(data_->items.begin() + static_cast<std::ptrdiff_t>(index));
+}
+
+SvrDMItemPtr ServerDataManager::GetDataSet(LocallyUniqueID const& id) const {
+  CriticalSection::Lock lock(data_->registryLock);
+  auto found = data_->Find(Data::LUIDMatch{id});
+  if (found == data_->items.end()) throw ErrorMsg(2001, std::string());
+  return *found;
+}
+
+SvrDMItemPtr ServerDataManager::GetDataSet(std::string const& handle) const {
+  CriticalSection::Lock lock(data_->registryLock);
+  auto found = data_->Find(Data::HandleMatch{handle});
+  if (found == data_->items.end()) return SvrDMItemPtr();
+  return *found;
+}
+
+void ServerDataManager::Register(ServerDataManagerObserver& observer) {
+  CriticalSection::Lock lock(data_->registryLock);
+  data_->observers.remove(&observer);
+  data_->observers.push_back(&observer);
+}
+
+void ServerDataManager::Unregister(ServerDataManagerObserver& observer) {
+  CriticalSection::Lock lock(data_->registryLock);
+  data_->observers.remove(&observer);
+}
+
+void ServerDataManager::NotifyCreate(SvrDMItem& item) {
+  if (!item.announce || item.createNotified || item.dataSource == nullptr) return;
+  LocallyUniqueID id = item.dataSetID;
+  // Set before delivery, so the notice goes out at most once however a
+  // delivery ends.
+  item.createNotified = true;
+  CriticalSection::Lock lock(data_->registryLock);
+  // The next link is read before the call, so an observer may remove itself.
+  for (auto it = data_->observers.begin(); it != data_->observers.end();) {
+    ServerDataManagerObserver* observer = *it++;
+    observer->DataSetCreated(id, item.fileName);
+  }
+}
+
+QUOR_DataSourceFilterHook* ServerDataManager::RegisterFilter(QUOR_DataSourceFilterHook* hook) {
+  QUOR_DataSourceFilterHook* old = data_->filterHook;
+  data_->filterHook = hook;
+  return old;
+}

@@ -1,0 +1,119 @@
+// The one shared record of an open dataset.
+#ifndef SDM_SVRDMITEM_H
+#define SDM_SVRDMITEM_H
+
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <list>
+#include <string>
+#include <vector>
+
+#include "RefCountPtr.h"
+#include "ObserverView.h"
+#include "errormonitor.h"
+#include "platform.h"
+#include "threads.h"
+
+class DataSetMsg;
+class QUOR_DataSource;
+class ServerDataManager;
+class SvrBootstrapSpecs;
+class SvrDMDataSetObserver;
+
+// A dataset: identity, names, password, the owned chain of data sources, the
+// access lock, observers and queue, error monitor, snapshot, held file and
+// bootstrap specification. Shared through SvrDMItemPtr; the access classes
+// read and write the fields directly. Each group of fields has its own lock
+// rule, noted beside it: no single lock covers the record.
+class SvrDMItem : public QUOR_RefCntObject {
+ public:
+  // Called by the registry alone. Takes ownership of `dataSource` and its
+  // whole parent chain.
+  SvrDMItem(LocallyUniqueID id, QUOR_DataSource* dataSource, ServerDataManager* dataManager,
+            unsigned int caseSequence, std::string const& fileName, bool announce);
+  SvrDMItem();
+  // An item has no copy: this stops the process with an assertion failure.
+  SvrDMItem(SvrDMItem const& other);
+  SvrDMItem& operator=(SvrDMItem const&) = delete;
+  ~SvrDMItem() override;
+
+  // Same identifier, both bit fields.
+  bool operator==(SvrDMItem const& other) const;
+  // Lower group first; with equal groups, lower serial.
+  bool operator<(SvrDMItem const& other) const;
+
+  // Stores the password and whether it is in mangled form.
+  void Password(std::string const& password, bool mangled);
+
+  // The current local time in the server's numeric date form; falls back to
+  // 1 February 1975 12:00:00 when the clock cannot be broken down.
+  static int quorTimestampNow(double* out);
+
+  // Deletes every queued message, undelivered.
+  void ClearNotifications();
+  // Deletes the whole chain of data sources, head first, each parent read
+  // before its child goes, and leaves `dataSource` null.
+  void DeleteDataSource();
+
+  SvrBootstrapSpecs* GetBootstrapSpecs() const { return bootstrapSpecs; }
+  // Takes ownership of `specs` (ordinary allocator) and frees the one held
+  // before, unless it is the same record.
+  void SetBootstrapSpecs(SvrBootstrapSpecs* specs);
+
+  // Set at construction.
+  ServerDataManager* dataManager;
+
+  // Changed under the write lock of accessMutex.
+  QUOR_DataSource* dataSource;
+
+  // No lock in this library: callers serialise their changes.
+  std::string handle;
+  std::string fileName;
+  std::string sharedFileName;
+  std::string password;
+  bool passwordMangled;
+
+  sfMutexRW accessMutex;
+  sfMutex observerMutex;
+
+  // Guarded by observerMutex.
+  std::list<SvrDMDataSetObserver*> dataSetObservers SDM_GUARDED_BY(observerMutex);
+  // Changed under the write lock of accessMutex; owned.
+  std::vector<DataSetMsg*> notifications;
+
+  InteractiveErrorMonitor errorMonitor;
+
+  // Set at construction.
+  LocallyUniqueID dataSetID;
+  // Advanced under the write lock of accessMutex.
+  uint32_t caseSequence;
+
+  SvrDMObserverView observerView;
+
+  // Kept by the access objects.
+  int32_t writersCount;
+  int32_t readersCount;
+
+  uint32_t originator;
+  bool announce;
+  bool writeLockFailed;
+  bool windowFront;
+  bool windowMinimized;
+  bool windowHidden;
+  bool createNotified;
+
+  // The held data file; no lock in this library.
+  FILE* lockedFile;
+  std::string lockedFileName;
+  int64_t lockedFileTime;
+
+  // Owned; no lock in this library.
+  SvrBootstrapSpecs* bootstrapSpecs;
+
+  double objCreationTime;
+};
+
+typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
+
+#endif  // SDM_SVRDMITEM_H
