@@ -15,6 +15,9 @@ class SvrDMObserverView {
 
   SvrDMItem* Item() const { return item_; }
 
+  void Update();
+  void BulkVarMoves(bool on);
+
  private:
   SvrDMItem* item_;
 };

@@ -7,6 +7,7 @@
 
 #include "datasource.h"
 #include "errormonitor.h"
+#include "handles.h"
 
 struct ServerDataManager::Data {
   // A search takes the first match in table order; these are its keys.
@@ -197,4 +198,14 @@ QUOR_DataSourceFilterHook* ServerDataManager::RegisterFilter(QUOR_DataSourceFilt
   QUOR_DataSourceFilterHook* old = data_->filterHook;
   data_->filterHook = hook;
   return old;
+}
+
+// --- Handles of all datasets ----------------------------------------------
+
+std::vector<SvrDMDataset> ServerDataManager::GetAllDatasets() const {
+  CriticalSection::Lock lock(data_->registryLock);
+  std::vector<SvrDMDataset> all;
+  all.reserve(data_->items.size());
+  for (SvrDMItemPtr const& item : data_->items) all.emplace_back(item);
+  return all;
 }

@@ -1,0 +1,4 @@
+#include "ObserverView.h"
+
+void SvrDMObserverView::Update() {}
+void SvrDMObserverView::BulkVarMoves(bool) {}
