@@ -186,16 +186,6 @@ TEST_F(NotifyTest, WithNoObserversTheQueueIsDeletedUndelivered) {
   EXPECT_EQ(messagesDestroyed_, 1);
 }
 
-TEST_F(NotifyTest, MessagesLeftWhenTheItemEndsAreDeletedNotDelivered) {
-  item_->Register(a_);
-  item_->AddNotification(Message("left"));
-  registry_.Delete(id_);
-  item_ = nullptr;
-  EXPECT_TRUE(log_.empty());
-  EXPECT_EQ(messagesDestroyed_, 1);
-  EXPECT_EQ(sourcesDestroyed_, 1);
-}
-
 TEST_F(NotifyTest, ObserverRunsUnderTheWriteLockWithTheWriterCounted) {
   int triesRefused = 0;
   a_.onChanged = [&](SvrDMWriteableDataSource const* source) {
