@@ -23,7 +23,7 @@ class SvrDMDataSetObserver;
 
 // A dataset: identity, names, password, the owned chain of data sources, the
 // access lock, observers and queue, error monitor, snapshot, held file and
-// bootstrap specification. Shared through SvrDMItemPtr; the access classes
+// bootstrap specs. Shared through SvrDMItemPtr; the access classes
 // read and write the fields directly. Each group of fields has its own lock
 // rule, noted beside it: no single lock covers the record.
 class SvrDMItem : public QUOR_RefCntObject {
