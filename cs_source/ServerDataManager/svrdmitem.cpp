@@ -16,7 +16,7 @@ SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataMana
       errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(id),
       caseSequence(sequence),
-      observerView(this),
+      observerView(*this),
       writersCount(0),
       readersCount(0),
       originator(0),
@@ -40,7 +40,7 @@ SvrDMItem::SvrDMItem()
       errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(),
       caseSequence(0),
-      observerView(this),
+      observerView(*this),
       writersCount(0),
       readersCount(0),
       originator(0),
@@ -58,12 +58,9 @@ SvrDMItem::SvrDMItem()
 SvrDMItem::SvrDMItem(SvrDMItem const& other) : SvrDMItem() {
   announce = other.announce;
   // Reached only when a RefCountPtr tries to copy an item, which no path of
-  // the server does: an item is one dataset and cannot be duplicated. The
-  // check must survive NDEBUG builds, so it is spelled out rather than left
-  // to assert().
-  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", "cs_source/ServerDataManager/svrdmitem",
-               __LINE__, "SvrDMItem::SvrDMItem(const SvrDMItem&)", "0");
-  std::abort();
+  // the server does: an item is one dataset and cannot be duplicated.
+  SvrDMAssertionFailed("0", "cs_source/ServerDataManager/svrdmitem", __LINE__,
+                       "SvrDMItem::SvrDMItem(const SvrDMItem&)");
 }
 
 SvrDMItem::~SvrDMItem() {
@@ -110,4 +107,9 @@ void SvrDMItem::SetBootstrapSpecs(SvrBootstrapSpecs* specs) {
   if (specs == bootstrapSpecs) return;
   delete bootstrapSpecs;
   bootstrapSpecs = specs;
+}
+
+void SvrDMAssertionFailed(char const* expression, char const* file, int line, char const* function) {
+  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);
+  std::abort();
 }

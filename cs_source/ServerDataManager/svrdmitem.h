@@ -116,4 +116,10 @@ class SvrDMItem : public QUOR_RefCntObject {
 
 typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
 
+// Reports a broken internal invariant in the usual assertion form and stops
+// the process. Unlike assert() it stays in release builds: what it guards
+// cannot be reached by input, only by a broken library underneath.
+[[noreturn]] void SvrDMAssertionFailed(char const* expression, char const* file, int line,
+                                       char const* function);
+
 #endif  // SDM_SVRDMITEM_H
