@@ -290,8 +290,10 @@ TEST_F(RegistryFileLockTest, LastMatchingDatasetAnswers) {
 }
 
 TEST_F(RegistryFileLockTest, DatasetsWithoutAFileNameAreSkipped) {
-  LocallyUniqueID holder = AddFile(dataFile_);
+  // The nameless entry comes first, so that were it asked, the holder's
+  // answer after it would stand.
   registry_.AddEmpty(true);
+  LocallyUniqueID holder = AddFile(dataFile_);
   SetModificationTime(dataFile_, kBaseTime - 1);
   // The name is taken away without letting the file go: the stream still
   // reports the change, but an entry without a name is never asked.
