@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <sys/stat.h>
+
 #include "bootstrapspecs.h"
 #include "datasource.h"
 #include "messages.h"
@@ -30,6 +32,7 @@ SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataMana
       lockedFileTime(0),
       bootstrapSpecs(nullptr),
       objCreationTime(0.0) {
+  LockSavFileInUse();
   quorTimestampNow(&objCreationTime);
 }
 
@@ -64,6 +67,7 @@ SvrDMItem::SvrDMItem(SvrDMItem const& other) : SvrDMItem() {
 }
 
 SvrDMItem::~SvrDMItem() {
+  UnlockSavFileInUse();
   ClearNotifications();
   DeleteDataSource();
   SetBootstrapSpecs(nullptr);
@@ -107,6 +111,60 @@ void SvrDMItem::SetBootstrapSpecs(SvrBootstrapSpecs* specs) {
   if (specs == bootstrapSpecs) return;
   delete bootstrapSpecs;
   bootstrapSpecs = specs;
+}
+
+// --- The held data file and the password. ---
+
+void SvrDMItem::LockSavFileInUse() {
+  // Compared with case on purpose: a name that changed only in case is
+  // opened afresh, which also renews the base time. A repeated call with the
+  // same name keeps the old base, so a change made in between stays visible.
+  if (fileName == lockedFileName) return;
+  // The old file goes first, even when the new one turns out not to open.
+  UnlockSavFileInUse();
+  if (fileName.empty()) return;
+
+  ExtNameStr name;
+  name.SetGeneric(fileName);
+  lockedFile = name.fsopen("r", 32);
+  // lockedFileName stays empty, so the next call tries again.
+  if (lockedFile == nullptr) return;
+  lockedFileName = fileName;
+
+  // Without a time the file is still held; the base simply stays 0.
+  struct stat status;
+  if (fstat(fileno(lockedFile), &status) == 0) lockedFileTime = status.st_mtime;
+}
+
+void SvrDMItem::UnlockSavFileInUse() {
+  if (lockedFile == nullptr) return;
+  std::fclose(lockedFile);
+  lockedFileTime = 0;
+  lockedFile = nullptr;
+  lockedFileName.clear();
+}
+
+bool SvrDMItem::SavFileExternallyChanged() const {
+  if (lockedFile == nullptr) return false;
+  // Asked of the open stream, not the name: a file replaced under the same
+  // name is not this file. Any difference counts, an older time too.
+  struct stat status;
+  if (fstat(fileno(lockedFile), &status) != 0) return false;
+  return static_cast<int64_t>(status.st_mtime) != lockedFileTime;
+}
+
+void SvrDMItem::FileName(std::string const& name) {
+  fileName = name;
+  LockSavFileInUse();
+}
+
+bool SvrDMItem::PasswordMangled() const {
+  // Only the head is asked: a file source further down the chain has been
+  // shadowed by whatever stands in front of it.
+  if (auto const* fileSource = dynamic_cast<SystemFileDataSource const*>(dataSource)) {
+    return fileSource->GetPasswordMangled();
+  }
+  return passwordMangled;
 }
 
 void SvrDMAssertionFailed(char const* expression, char const* file, int line, char const* function) {

@@ -50,6 +50,26 @@ class SvrDMItem : public QUOR_RefCntObject {
   // 1 February 1975 12:00:00 when the clock cannot be broken down.
   static int quorTimestampNow(double* out);
 
+  // The held data file. While a dataset belongs to a file it keeps the file
+  // open, which marks it as in use and fixes the modification time against
+  // which outside changes are judged. No lock: callers serialise these.
+  //
+  // Brings the held file in line with fileName: nothing happens while the
+  // two names are equal with case; otherwise the old file is let go and the
+  // new one opened. A file that cannot be opened is not reported and is not
+  // held, so the next call tries again.
+  void LockSavFileInUse();
+  // Closes the held file, if any, and forgets its name and time.
+  void UnlockSavFileInUse();
+  // True when the held file's modification time, asked of the open stream,
+  // differs from the one read when it was opened; false with no file held.
+  bool SavFileExternallyChanged() const;
+  // Stores `name` as the dataset's file and moves the hold to it.
+  void FileName(std::string const& name);
+  // A SystemFileDataSource at the head of the chain answers; otherwise the
+  // item's own passwordMangled.
+  bool PasswordMangled() const;
+
   // Deletes every queued message, undelivered.
   void ClearNotifications();
   // Deletes the whole chain of data sources, head first, each parent read
