@@ -260,7 +260,9 @@ class QUOR_DataSource {
 
   // Chain. The link is not owned.
   QUOR_DataSource* GetParentSource() const { return parent_; }
-  void SetParentSource(QUOR_DataSource const* parent) { parent_ = const_cast<QUOR_DataSource*>(parent); }
+  void SetParentSource(QUOR_DataSource const* parent) {
+    parent_ = const_cast<QUOR_DataSource*>(parent);
+  }
   // Replaces this dictionary with a copy of `other`'s; rows and link stay.
   void CopyDictionary(QUOR_DataSource const& other);
 
@@ -380,7 +382,9 @@ class SystemFileDataSource : public QUOR_DataSource {
 
   // Read under no lock, so it is atomic.
   bool GetPasswordMangled() const { return passwordMangled_.load(std::memory_order_acquire); }
-  void SetPasswordMangled(bool mangled) { passwordMangled_.store(mangled, std::memory_order_release); }
+  void SetPasswordMangled(bool mangled) {
+    passwordMangled_.store(mangled, std::memory_order_release);
+  }
 
   struct Table;
 

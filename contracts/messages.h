@@ -330,7 +330,8 @@ class ResetUndoMsg : public DataSetMsg {
 class DataSetModifiedMsg : public DataSetMsg {
  public:
   DataSetModifiedMsg() = default;
-  DataSetModifiedMsg(uint32_t reserved, LocallyUniqueID dataSetID, uint32_t caseSequence, bool dirty);
+  DataSetModifiedMsg(uint32_t reserved, LocallyUniqueID dataSetID, uint32_t caseSequence,
+                     bool dirty);
   DataSetModifiedMsg* Clone() const override;
   char const* GetClassName() const override;
   void Serialize(VStream& stream) override;

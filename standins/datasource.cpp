@@ -7,7 +7,8 @@
 // ---------------------------------------------------------------------------
 // QUOR_Variable
 
-QUOR_Variable::QUOR_Variable() : impl_(new QUOR_VariableImpl(LocallyUniqueID(), std::string(), 0)) {}
+QUOR_Variable::QUOR_Variable()
+    : impl_(new QUOR_VariableImpl(LocallyUniqueID(), std::string(), 0)) {}
 
 QUOR_Variable::QUOR_Variable(LocallyUniqueID id, std::string const& name, int type)
     : impl_(new QUOR_VariableImpl(id, name, type)) {}
@@ -217,8 +218,8 @@ LocallyUniqueID QUOR_DataSource::GetWeightVariableID() const {
 
 void QUOR_DataSource::SetWeightVar(int position) {
   bool const inside = position >= 0 && static_cast<std::size_t>(position) < dict_.variables.size();
-  dict_.weightID = inside ? dict_.variables[static_cast<std::size_t>(position)].GetID()
-                          : LocallyUniqueID();
+  dict_.weightID =
+      inside ? dict_.variables[static_cast<std::size_t>(position)].GetID() : LocallyUniqueID();
 }
 
 int QUOR_DataSource::GetFilterVarIndex() const {
@@ -231,8 +232,8 @@ LocallyUniqueID QUOR_DataSource::GetFilterVariableID() const {
 
 void QUOR_DataSource::SetFilterVar(int position) {
   bool const inside = position >= 0 && static_cast<std::size_t>(position) < dict_.variables.size();
-  dict_.filterID = inside ? dict_.variables[static_cast<std::size_t>(position)].GetID()
-                          : LocallyUniqueID();
+  dict_.filterID =
+      inside ? dict_.variables[static_cast<std::size_t>(position)].GetID() : LocallyUniqueID();
 }
 
 unsigned int QUOR_DataSource::SplitPositions(int (&positions)[kMaxSplitVars]) const {
@@ -258,7 +259,8 @@ int QUOR_DataSource::GetSplitVarIndex(unsigned int rank) const {
 
 LocallyUniqueID QUOR_DataSource::GetSplitVarID(unsigned int rank) const {
   int const position = GetSplitVarIndex(rank);
-  return position < 0 ? LocallyUniqueID() : dict_.variables[static_cast<std::size_t>(position)].GetID();
+  return position < 0 ? LocallyUniqueID()
+                      : dict_.variables[static_cast<std::size_t>(position)].GetID();
 }
 
 bool QUOR_DataSource::GetSplitqSeparate() const { return dict_.splitSeparate; }
@@ -314,7 +316,8 @@ std::vector<VariableSet> VariableSets(QUOR_DataSource const& source, VarSetsType
   } else if (which == kMRSetsOfSource) {
     stored = source.GetMRSets();
   } else {
-    throw std::invalid_argument("VariableSets: selector " + std::to_string(static_cast<int>(which)) +
+    throw std::invalid_argument("VariableSets: selector " +
+                                std::to_string(static_cast<int>(which)) +
                                 " is neither 0 (variable sets) nor 1 (MR sets)");
   }
   std::vector<VariableSet> sets;

@@ -135,8 +135,8 @@ std::ostream& operator<<(std::ostream& out, DataSetMsg const& message) {
 
 // Clone and the class name are alike in every class: a VUGlobal copy, and
 // the name the far side knows the class by.
-#define SDM_MESSAGE_CLASS(Class)                                            \
-  Class* Class::Clone() const { return new Class(*this); }                 \
+#define SDM_MESSAGE_CLASS(Class)                           \
+  Class* Class::Clone() const { return new Class(*this); } \
   char const* Class::GetClassName() const { return "DEMessages::" #Class; }
 
 // ---------------------------------------------------------------------------
@@ -180,7 +180,9 @@ SDM_MESSAGE_CLASS(MoveVarsMsg)
 
 MoveVarsMsg::MoveVarsMsg(uint32_t reserved, LocallyUniqueID dataSetID, uint32_t caseSequence,
                          std::vector<unsigned int> indices, unsigned int target)
-    : DataSetMsg(reserved, dataSetID, caseSequence), indices_(std::move(indices)), target_(target) {}
+    : DataSetMsg(reserved, dataSetID, caseSequence),
+      indices_(std::move(indices)),
+      target_(target) {}
 
 void MoveVarsMsg::Serialize(VStream& stream) {
   DataSetMsg::Serialize(stream);
@@ -338,9 +340,9 @@ void ExtensionsMsg::Serialize(VStream& stream) {
   stream.Pass(version);
   stream.Pass(bytes);
   if (!stream.IsLoading()) return;
-  extension_ = present ? new QUOR_ExtensionImpl(type, version, static_cast<long>(bytes.size()),
-                                                bytes.data())
-                       : nullptr;
+  extension_ =
+      present ? new QUOR_ExtensionImpl(type, version, static_cast<long>(bytes.size()), bytes.data())
+              : nullptr;
 }
 
 void ExtensionsMsg::PrintFields(std::ostream& out) const {
@@ -348,8 +350,7 @@ void ExtensionsMsg::PrintFields(std::ostream& out) const {
     out << " extension=none";
     return;
   }
-  out << " extension type " << extension_->GetType() << ", " << extension_->GetLength()
-      << " bytes";
+  out << " extension type " << extension_->GetType() << ", " << extension_->GetLength() << " bytes";
 }
 
 SDM_MESSAGE_CLASS(TrendsInfoMsg)
@@ -396,9 +397,7 @@ void ResetClientDataMsg::Serialize(VStream& stream) {
   stream.Pass(rowCount_);
 }
 
-void ResetClientDataMsg::PrintFields(std::ostream& out) const {
-  out << " rowCount=" << rowCount_;
-}
+void ResetClientDataMsg::PrintFields(std::ostream& out) const { out << " rowCount=" << rowCount_; }
 
 SDM_MESSAGE_CLASS(ResetUndoMsg)
 

@@ -1,11 +1,11 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
 
@@ -104,17 +104,6 @@ TEST(MessagesTest, PrintedLineShowsTheFields) {
   EXPECT_THAT(more.str(), HasSubstr("dataSet=none caseSequence=1 label=\"two\\nlines\""));
 }
 
-TEST(MessagesTest, CommonFieldsAreKept) {
-  ResetClientDataMsg reset(0, kDataSet, kCase, 12);
-  EXPECT_EQ(reset.GetReserved(), 0u);
-  EXPECT_EQ(reset.GetDataSetID(), kDataSet);
-  EXPECT_EQ(reset.GetCaseSequence(), kCase);
-  EXPECT_EQ(reset.GetRowCount(), 12);
-  ImputationInfoMsg imputation;
-  EXPECT_TRUE(imputation.GetDataSetID().IsNone());
-  EXPECT_EQ(imputation.rowsPerImputation, 0);
-}
-
 TEST(MessagesTest, MessageKeepsItsCopyAfterTheBuildersDataIsGone) {
   std::unique_ptr<FileLabelChangeMsg> label;
   std::unique_ptr<FileSpecChangeMsg> spec;
@@ -192,17 +181,6 @@ TEST(MessagesTest, BadSplitIsRefusedAndTheBlockGoesBack) {
   EXPECT_THROW(new SplitFileMsg(0, kDataSet, kCase, -1, ids, false), std::invalid_argument);
   EXPECT_THROW(new SplitFileMsg(0, kDataSet, kCase, 1, nullptr, false), std::invalid_argument);
   EXPECT_EQ(VUGlobal::LiveBlocks(), before);
-}
-
-TEST(MessagesTest, CloneIsAnIndependentCopy) {
-  std::vector<QUOR_Variable> vars = {QUOR_Variable(Id(1), "a")};
-  InsertVarsMsg original(0, kDataSet, kCase, vars, Id(2));
-  std::unique_ptr<InsertVarsMsg> clone(original.Clone());
-  EXPECT_EQ(clone->GetDataSetID(), kDataSet);
-  EXPECT_EQ(clone->GetCaseSequence(), kCase);
-  EXPECT_EQ(clone->GetBeforeID(), Id(2));
-  ASSERT_EQ(clone->GetVariables().size(), 1u);
-  EXPECT_TRUE(clone->GetVariables()[0] == vars[0]);
 }
 
 // Passes `sent` through a stream by Process and rebuilds it in `received`.
