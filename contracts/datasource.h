@@ -232,7 +232,7 @@ class QUOR_DataSource {
     ~Extension() = default;
 
     bool IsEmpty() const { return !impl_.IsValid(); }
-    operator RefCountPtr<QUOR_ExtensionImpl> const&() const { return impl_; }  // NOLINT: by design
+    operator RefCountPtr<QUOR_ExtensionImpl> const&() const { return impl_; }  // NOLINT: implicit on purpose
     RefCountPtr<QUOR_ExtensionImpl> const& Get() const { return impl_; }
 
    private:
@@ -369,7 +369,7 @@ inline bool operator!=(QUOR_DataSource::Extension const& a, QUOR_DataSource::Ext
 // root of a chain. Const operations may run on several threads at once.
 class SystemFileDataSource : public QUOR_DataSource {
  public:
-  // No variables, no rows, empty file spec.
+  // No variables, no rows, an empty GetFileSpec().
   SystemFileDataSource();
   // Reads the file at `path`. Throws std::runtime_error naming the file, the
   // line and the fault when it cannot be opened or is malformed.

@@ -220,7 +220,7 @@ class FileLabelChangeMsg : public DataSetMsg {
   std::string label_;
 };
 
-// The dataset's file spec is now this text.
+// The dataset's file path (GetFileSpec of its source) is now this text.
 class FileSpecChangeMsg : public DataSetMsg {
  public:
   FileSpecChangeMsg() = default;

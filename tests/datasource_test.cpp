@@ -269,9 +269,9 @@ TEST(PropertiesTest, LabelNullClearsAndFileSpecIsNeverNull) {
   source.SetLabel(nullptr);
   EXPECT_EQ(source.GetLabel(), nullptr);
 
-  std::string spec = "/data/a.csv";
-  source.SetFileSpec(spec.c_str());
-  spec = "changed";
+  std::string path = "/data/a.csv";
+  source.SetFileSpec(path.c_str());
+  path = "changed";
   EXPECT_STREQ(source.GetFileSpec(), "/data/a.csv");
   source.SetFileSpec(nullptr);
   EXPECT_STREQ(source.GetFileSpec(), "");

@@ -106,7 +106,7 @@ TEST(MessagesTest, PrintedLineShowsTheFields) {
 
 TEST(MessagesTest, MessageKeepsItsCopyAfterTheBuildersDataIsGone) {
   std::unique_ptr<FileLabelChangeMsg> label;
-  std::unique_ptr<FileSpecChangeMsg> spec;
+  std::unique_ptr<FileSpecChangeMsg> fileSpecMsg;
   std::unique_ptr<SplitFileMsg> split;
   std::unique_ptr<InsertVarsMsg> insert;
   std::unique_ptr<ModifyVarMsg> modify;
@@ -121,7 +121,7 @@ TEST(MessagesTest, MessageKeepsItsCopyAfterTheBuildersDataIsGone) {
     trends.SetText("before");
 
     label.reset(new FileLabelChangeMsg(0, kDataSet, kCase, text.c_str()));
-    spec.reset(new FileSpecChangeMsg(0, kDataSet, kCase, path.c_str(), true));
+    fileSpecMsg.reset(new FileSpecChangeMsg(0, kDataSet, kCase, path.c_str(), true));
     split.reset(new SplitFileMsg(0, kDataSet, kCase, 2, ids.data(), true));
     insert.reset(new InsertVarsMsg(0, kDataSet, kCase, list, LocallyUniqueID()));
     modify.reset(new ModifyVarMsg(0, kDataSet, kCase, live));
@@ -137,8 +137,8 @@ TEST(MessagesTest, MessageKeepsItsCopyAfterTheBuildersDataIsGone) {
   live.SetType(3);
 
   EXPECT_EQ(label->GetLabel(), "The label");
-  EXPECT_EQ(spec->GetFileSpec(), "/data/file.csv");
-  EXPECT_TRUE(spec->GetSpecFlag());
+  EXPECT_EQ(fileSpecMsg->GetFileSpec(), "/data/file.csv");
+  EXPECT_TRUE(fileSpecMsg->GetSpecFlag());
   EXPECT_EQ(split->GetSplitCount(), 2);
   EXPECT_THAT(split->GetSplitIDs(), ElementsAre(Id(3), Id(1)));
   EXPECT_TRUE(split->GetSeparate());
