@@ -111,3 +111,7 @@ void SvrDMItem::SetBootstrapSpecs(SvrBootstrapSpecs* specs) {
   delete bootstrapSpecs;
   bootstrapSpecs = specs;
 }
+
+void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {
+  errorMonitor.InitializeErrorMonitor(dataSetID, proxy);
+}
