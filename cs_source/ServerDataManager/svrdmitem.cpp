@@ -169,3 +169,7 @@ bool SvrDMItem::PasswordMangled() const {
   }
   return passwordMangled;
 }
+
+void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {
+  errorMonitor.InitializeErrorMonitor(dataSetID, proxy);
+}

@@ -81,6 +81,13 @@ class SvrDMItem : public QUOR_RefCntObject {
   // before, unless it is the same record.
   void SetBootstrapSpecs(SvrBootstrapSpecs* specs);
 
+  // The embedded monitor, owned by the item. It reports nothing until
+  // InitializeErrorMonitor gives it a channel.
+  InteractiveErrorMonitor* GetErrorMonitor() { return &errorMonitor; }
+  // Gives the monitor this dataset's identifier and `proxy` (borrowed; null
+  // silences it again). The warning switch keeps its value.
+  void InitializeErrorMonitor(PackageProxy* proxy);
+
   // Set at construction.
   ServerDataManager* dataManager;
 
