@@ -90,6 +90,15 @@ int SvrDMItem::quorTimestampNow(double* out) {
                    local->tm_min, static_cast<double>(local->tm_sec), out);
 }
 
+void SvrDMItem::AddNotification(DataSetMsg* message) {
+  try {
+    notifications.push_back(message);
+  } catch (...) {
+    delete message;
+    throw;
+  }
+}
+
 void SvrDMItem::ClearNotifications() {
   for (DataSetMsg* message : notifications) delete message;
   notifications.clear();
@@ -170,4 +179,8 @@ bool SvrDMItem::PasswordMangled() const {
 void SvrDMAssertionFailed(char const* expression, char const* file, int line, char const* function) {
   std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);
   std::abort();
+}
+
+void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {
+  errorMonitor.InitializeErrorMonitor(dataSetID, proxy);
 }

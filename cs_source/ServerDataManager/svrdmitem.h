@@ -70,6 +70,9 @@ class SvrDMItem : public QUOR_RefCntObject {
   // item's own passwordMangled.
   bool PasswordMangled() const;
 
+  // Appends `message` to the queue, which owns it from here on, also when
+  // the queue cannot grow: then the message is deleted and bad_alloc passes.
+  void AddNotification(DataSetMsg* message);
   // Deletes every queued message, undelivered.
   void ClearNotifications();
   // Deletes the whole chain of data sources, head first, each parent read
@@ -80,6 +83,13 @@ class SvrDMItem : public QUOR_RefCntObject {
   // Takes ownership of `specs` (ordinary allocator) and frees the one held
   // before, unless it is the same record.
   void SetBootstrapSpecs(SvrBootstrapSpecs* specs);
+
+  // The embedded monitor, owned by the item. It reports nothing until
+  // InitializeErrorMonitor gives it a channel.
+  InteractiveErrorMonitor* GetErrorMonitor() { return &errorMonitor; }
+  // Gives the monitor this dataset's identifier and `proxy` (borrowed; null
+  // silences it again). The warning switch keeps its value.
+  void InitializeErrorMonitor(PackageProxy* proxy);
 
   // Set at construction.
   ServerDataManager* dataManager;

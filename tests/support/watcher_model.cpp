@@ -14,7 +14,7 @@ std::string Names(std::vector<QUOR_Variable> const& list) {
 }
 
 std::string Payload(RefCountPtr<QUOR_ExtensionImpl> const& extension) {
-  char const* data = static_cast<char const*>(extension->GetData());
+  unsigned char const* data = extension->GetData();
   return std::string(data, data + extension->GetLength());
 }
 
@@ -135,9 +135,16 @@ bool WatcherModel::Matches(QUOR_DataSource& live, std::string* error, bool check
     return payload;
   };
 
-  if (weight != live.GetWeightVariableID()) why << "; weight differs";
-  if (filter != live.GetFilterVariableID()) why << "; filter differs";
-  if (split != liveSplit) why << "; split differs";
+  // Like a data source, a client reads a role whose variable is gone as
+  // unset, and keeps it for the variable's return.
+  auto present = [this](LocallyUniqueID id) { return Find(id) >= 0 ? id : LocallyUniqueID(); };
+  std::vector<LocallyUniqueID> effectiveSplit;
+  for (LocallyUniqueID id : split) {
+    if (Find(id) >= 0) effectiveSplit.push_back(id);
+  }
+  if (present(weight) != live.GetWeightVariableID()) why << "; weight differs";
+  if (present(filter) != live.GetFilterVariableID()) why << "; filter differs";
+  if (effectiveSplit != liveSplit) why << "; split differs";
   if (!liveSplit.empty() && separate != live.GetSplitqSeparate()) why << "; separate flag differs";
   if (label != (liveLabel != nullptr ? liveLabel : "")) why << "; label differs";
   if (checkFileSpec && fileSpec != live.GetFileSpec()) why << "; file spec differs";
