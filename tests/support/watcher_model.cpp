@@ -151,6 +151,15 @@ bool WatcherModel::Matches(QUOR_DataSource& live, std::string* error, bool check
   if (dirty != live.IsDirty()) why << "; dirty flag differs";
   if (rowCount != live.RowCount()) why << "; row count differs";
   if (!(trends == *live.GetTrendsInfo())) why << "; trends differ";
+  QUOR_DataSource::Extension const liveRecord(live, 0);
+  RefCountPtr<QUOR_ExtensionImpl> const& record = liveRecord.Get();
+  auto recordSeen = extensions.find(0);
+  if (recordSeen != extensions.end()) {
+    if (!record.IsValid() || recordSeen->second != Payload(record)) why << "; extension 0 differs";
+  } else if (record.IsValid()) {
+    why << "; extension 0 never announced";
+  }
+
   // A set extension never announced must still be in its starting state.
   for (int type : {5, 7, 17, 19}) {
     auto found = extensions.find(type);
