@@ -41,11 +41,14 @@ class VStream {
   // one Serialize routine serves both directions.
   void Pass(bool& value);
   void Pass(uint8_t& value);
+  void Pass(int8_t& value);
   void Pass(uint16_t& value);
+  void Pass(int16_t& value);
   void Pass(uint32_t& value);
   void Pass(int32_t& value);
   void Pass(uint64_t& value);
   void Pass(int64_t& value);
+  void Pass(float& value);
   void Pass(double& value);
   void Pass(std::string& value);
 

@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
   PrintingObserver observer;
   registry.Register(observer);
 
-  LocallyUniqueID id = registry.Add(*new SystemFileDataSource(), path, false);
+  LocallyUniqueID id = registry.Add(*new SystemFileDataSource(path), path, false);
   std::cout << "added " << path << " as dataset " << id.ToWord() << "\n";
 
   SvrDMItemPtr item = registry.GetDataSet(id);

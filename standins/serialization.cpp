@@ -84,6 +84,25 @@ void VStream::Pass(bool& value) {
   if (loading_) value = byte != 0;
 }
 
+void VStream::Pass(int8_t& value) {
+  uint8_t bits = static_cast<uint8_t>(value);
+  Pass(bits);
+  if (loading_) value = static_cast<int8_t>(bits);
+}
+
+void VStream::Pass(int16_t& value) {
+  uint16_t bits = static_cast<uint16_t>(value);
+  Pass(bits);
+  if (loading_) value = static_cast<int16_t>(bits);
+}
+
+void VStream::Pass(float& value) {
+  uint32_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  Pass(bits);
+  if (loading_) std::memcpy(&value, &bits, sizeof bits);
+}
+
 void VStream::Pass(int32_t& value) {
   uint32_t bits = static_cast<uint32_t>(value);
   Pass(bits);

@@ -168,6 +168,7 @@ TEST_F(AccessLockTest, FailedTryAgainstAWriterLeavesItHoldingAndItsObserversHear
     }
     int heard = 0;
   } observer;
+  SettleSnapshot(item_);
   item_->Register(observer);
 
   TestLatch holding;

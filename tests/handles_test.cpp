@@ -247,6 +247,7 @@ TEST_F(HandlesTest, TryWriterAgainstAWriterThrows55AndTheHolderEndsNormally) {
   LocallyUniqueID id = AddSource("t");
   SvrDMItemPtr item = registry_.GetDataSet(id);
   CountingDataSetObserver observer;
+  SettleSnapshot(item);
   item->Register(observer);
   {
     SvrDMWriteableDataSource holder(item, false, nullptr);

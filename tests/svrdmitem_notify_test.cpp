@@ -22,9 +22,7 @@ class RecordingDataSetObserver : public SvrDMDataSetObserver {
   void DataSetChanged(SvrDMWriteableDataSource const* source) override {
     lastSource = source;
     std::string entry = name_ + ":";
-    for (DataSetMsg* message : source->GetNotifications()) {
-      entry += " " + (message != nullptr ? static_cast<ProbeMessage*>(message)->Label() : "null");
-    }
+    for (DataSetMsg* message : source->GetNotifications()) entry += " " + MessageLabel(message);
     log_->push_back(entry);
     if (onChanged) onChanged(source);
   }
@@ -54,6 +52,7 @@ class NotifyTest : public ::testing::Test {
   NotifyTest() {
     id_ = registry_.Add(*new ProbeSource(&sourcesDestroyed_), "notify.sav", false);
     item_ = registry_.GetDataSet(id_);
+    SettleSnapshot(item_);
   }
 
   ProbeMessage* Message(std::string label) { return new ProbeMessage(std::move(label), &messagesDestroyed_); }
@@ -260,6 +259,8 @@ TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) 
   registry_.Register(creations);
   LocallyUniqueID id = registry_.AddEmpty(false);
   SvrDMItemPtr item = registry_.GetDataSet(id);
+  SettleSnapshot(item);
+  EXPECT_FALSE(item->createNotified);
   RecordingDataSetObserver watcher("W", &events);
   item->Register(watcher);
 
@@ -270,17 +271,23 @@ TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) 
   EXPECT_EQ(events, (std::vector<std::string>{"W: m1"}));
   EXPECT_FALSE(item->createNotified);
 
-  {  // a source but nothing queued: the pass stops before the notice
+  {  // a source that reads like the empty snapshot: nothing queued, no notice
     SvrDMWriteableDataSource writer(item, false, nullptr);
     item->dataSource = new ProbeSource(&sourcesDestroyed_);
   }
+  EXPECT_EQ(events.size(), 1u);
   EXPECT_FALSE(item->createNotified);
 
-  {  // both: the registry hears first, then the dataset's observers
+  {  // the source gains a variable: the snapshot update queues it, and the
+     // registry hears of the dataset before its own observers hear of that
     SvrDMWriteableDataSource writer(item, false, nullptr);
-    writer.AddNotification(Message("m2"));
+    unsigned int position = 0;
+    writer->MakeVariable(QUOR_Variable(LocallyUniqueID(0, 1), "age"), &position);
   }
-  EXPECT_EQ(events, (std::vector<std::string>{"W: m1", "created 16", "W: m2"}));
+  ASSERT_EQ(events.size(), 3u);
+  EXPECT_EQ(events[1], "created 16");
+  EXPECT_EQ(events[2].rfind("W: ", 0), 0u);
+  EXPECT_TRUE(item->createNotified);
 
   {  // once only
     SvrDMWriteableDataSource writer(item, false, nullptr);
@@ -306,6 +313,37 @@ TEST_F(NotifyTest, SilentDatasetIsNeverAnnouncedByAPass) {
   EXPECT_TRUE(events.empty());
   EXPECT_FALSE(item->createNotified);
   registry_.Unregister(creations);
+}
+
+TEST(NotifyPassTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
+  ServerDataManager registry;
+  std::atomic<int> destroyed{0};
+  auto endWriteAccess = [](SvrDMItemPtr& item) { SvrDMWriteableDataSource writer(item, false, nullptr); };
+  int64_t const neverUpdated = -2;
+
+  // Announced at its add already, and nobody watches: the snapshot is left alone.
+  SvrDMItemPtr announced = registry.GetDataSet(registry.Add(*new ProbeSource(&destroyed), "", false));
+  endWriteAccess(announced);
+  EXPECT_EQ(announced->observerView.RowCountSeen(), neverUpdated);
+
+  // A silent empty dataset owes nobody anything either.
+  SvrDMItemPtr silent = registry.GetDataSet(registry.AddEmpty(true));
+  endWriteAccess(silent);
+  EXPECT_EQ(silent->observerView.RowCountSeen(), neverUpdated);
+
+  // An announced empty dataset still owes its creation notice.
+  SvrDMItemPtr empty = registry.GetDataSet(registry.AddEmpty(false));
+  endWriteAccess(empty);
+  EXPECT_NE(empty->observerView.RowCountSeen(), neverUpdated);
+
+  // A dataset observer makes the pass worth it.
+  std::vector<std::string> log;
+  RecordingDataSetObserver watcher("W", &log);
+  announced->Register(watcher);
+  endWriteAccess(announced);
+  EXPECT_NE(announced->observerView.RowCountSeen(), neverUpdated);
+  EXPECT_FALSE(log.empty());
+  announced->Unregister(watcher);
 }
 
 TEST_F(NotifyTest, OriginatorIsStoredAndCaseSequenceAdvancesAtOnce) {

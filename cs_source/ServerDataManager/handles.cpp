@@ -44,11 +44,19 @@ void SvrDMDataset::SetHandle(std::string const& handle) { item_->handle = handle
 
 SvrBootstrapSpecs* SvrDMDataset::GetBootstrapSpecs() const { return item_->GetBootstrapSpecs(); }
 void SvrDMDataset::SetBootstrapSpecs(SvrBootstrapSpecs* specs) { item_->SetBootstrapSpecs(specs); }
+bool SvrDMDataset::GetPasswordMangled() const { return item_->PasswordMangled(); }
 void SvrDMDataset::SetPassword(std::string const& password, bool mangled) {
   item_->Password(password, mangled);
 }
+void SvrDMDataset::SetFileName(std::string const& fileName) { item_->FileName(fileName); }
+void SvrDMDataset::LockSavFileInUse() { item_->LockSavFileInUse(); }
+void SvrDMDataset::UnlockSavFileInUse() { item_->UnlockSavFileInUse(); }
 void SvrDMDataset::Register(SvrDMDataSetObserver& observer) { item_->Register(observer); }
 void SvrDMDataset::Unregister(SvrDMDataSetObserver& observer) { item_->Unregister(observer); }
+void SvrDMDataset::InitializeErrorMonitor(PackageProxy* proxy) {
+  item_->InitializeErrorMonitor(proxy);
+}
+InteractiveErrorMonitor* SvrDMDataset::GetErrorMonitor() { return item_->GetErrorMonitor(); }
 
 // --- SvrDMInputDataSource -----------------------------------------------------
 

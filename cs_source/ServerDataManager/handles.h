@@ -11,6 +11,8 @@
 #include "svrdmitem.h"
 
 class DataSetMsg;
+class InteractiveErrorMonitor;
+class PackageProxy;
 class QUOR_DataSource;
 class ServerDataManager;
 class SvrBootstrapSpecs;
@@ -65,9 +67,17 @@ class SvrDMDataset {
   SvrBootstrapSpecs* GetBootstrapSpecs() const;
   // Takes ownership of `specs`.
   void SetBootstrapSpecs(SvrBootstrapSpecs* specs);
+  bool GetPasswordMangled() const;
   void SetPassword(std::string const& password, bool mangled);
+  // Stores the file name and moves the held file to it.
+  void SetFileName(std::string const& fileName);
+  void LockSavFileInUse();
+  void UnlockSavFileInUse();
   void Register(SvrDMDataSetObserver& observer);
   void Unregister(SvrDMDataSetObserver& observer);
+  // `proxy` is borrowed.
+  void InitializeErrorMonitor(PackageProxy* proxy);
+  InteractiveErrorMonitor* GetErrorMonitor();
 
  protected:
   // May hold no item.

@@ -200,6 +200,32 @@ QUOR_DataSourceFilterHook* ServerDataManager::RegisterFilter(QUOR_DataSourceFilt
   return old;
 }
 
+// --- The held data file and the password. ---
+
+bool ServerDataManager::SavFileExternallyChanged(std::string const& fileName) const {
+  CriticalSection::Lock lock(data_->registryLock);
+  bool changed = false;
+  // The whole table is walked: the last matching dataset's answer stands.
+  // Datasets without a file are skipped, so an empty name never matches.
+  for (SvrDMItemPtr const& item : data_->items) {
+    if (item->fileName.empty()) continue;
+    if (QUORMBstricmp_A(fileName.c_str(), item->fileName.c_str()) == 0) {
+      changed = item->SavFileExternallyChanged();
+    }
+  }
+  return changed;
+}
+
+void ServerDataManager::Password(LocallyUniqueID const& id, std::string const& password,
+                                 bool mangled) {
+  CriticalSection::Lock lock(data_->registryLock);
+  auto found = data_->Find(Data::LUIDMatch{id});
+  if (found == data_->items.end()) return;
+  // Held for the call, so the item outlives anything the call might drop.
+  SvrDMItemPtr item = *found;
+  item->Password(password, mangled);
+}
+
 // --- Handles of all datasets ----------------------------------------------
 
 std::vector<SvrDMDataset> ServerDataManager::GetAllDatasets() const {

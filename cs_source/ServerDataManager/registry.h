@@ -60,6 +60,13 @@ class ServerDataManager {
   // A null pointer for an unknown handle. Case is ignored.
   SvrDMItemPtr GetDataSet(std::string const& handle) const;
 
+  // Whether the data file `fileName` (case ignored) has changed behind the
+  // server's back, asked of the dataset that holds it; when several datasets
+  // carry that name the last one's answer stands. False with no match.
+  bool SavFileExternallyChanged(std::string const& fileName) const;
+  // Replaces the password of dataset `id`; an unknown identifier is no error.
+  void Password(LocallyUniqueID const& id, std::string const& password, bool mangled);
+
   // Registry observers: Register makes the observer the last in the list
   // (moving it there if it was in the list already); neither is owned.
   void Register(ServerDataManagerObserver& observer);

@@ -3,6 +3,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include <sys/stat.h>
+
 #include "bootstrapspecs.h"
 #include "datasource.h"
 #include "messages.h"
@@ -17,7 +19,7 @@ SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataMana
       errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(id),
       caseSequence(sequence),
-      observerView(this),
+      observerView(*this),
       writersCount(0),
       readersCount(0),
       originator(0),
@@ -31,6 +33,7 @@ SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataMana
       lockedFileTime(0),
       bootstrapSpecs(nullptr),
       objCreationTime(0.0) {
+  LockSavFileInUse();
   quorTimestampNow(&objCreationTime);
 }
 
@@ -41,7 +44,7 @@ SvrDMItem::SvrDMItem()
       errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(),
       caseSequence(0),
-      observerView(this),
+      observerView(*this),
       writersCount(0),
       readersCount(0),
       originator(0),
@@ -59,15 +62,13 @@ SvrDMItem::SvrDMItem()
 SvrDMItem::SvrDMItem(SvrDMItem const& other) : SvrDMItem() {
   announce = other.announce;
   // Reached only when a RefCountPtr tries to copy an item, which no path of
-  // the server does: an item is one dataset and cannot be duplicated. The
-  // check must survive NDEBUG builds, so it is spelled out rather than left
-  // to assert().
-  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", "cs_source/ServerDataManager/svrdmitem",
-               __LINE__, "SvrDMItem::SvrDMItem(const SvrDMItem&)", "0");
-  std::abort();
+  // the server does: an item is one dataset and cannot be duplicated.
+  SvrDMAssertionFailed("0", "cs_source/ServerDataManager/svrdmitem", __LINE__,
+                       "SvrDMItem::SvrDMItem(const SvrDMItem&)");
 }
 
 SvrDMItem::~SvrDMItem() {
+  UnlockSavFileInUse();
   ClearNotifications();
   DeleteDataSource();
   SetBootstrapSpecs(nullptr);
@@ -88,6 +89,15 @@ int SvrDMItem::quorTimestampNow(double* out) {
   if (local == nullptr) return iDMY2Quor(1, 2, 1975, 12, 0, 0.0, out);
   return iDMY2Quor(local->tm_mday, local->tm_mon + 1, local->tm_year + 1900, local->tm_hour,
                    local->tm_min, static_cast<double>(local->tm_sec), out);
+}
+
+void SvrDMItem::AddNotification(DataSetMsg* message) {
+  try {
+    notifications.push_back(message);
+  } catch (...) {
+    delete message;
+    throw;
+  }
 }
 
 void SvrDMItem::ClearNotifications() {
@@ -111,6 +121,69 @@ void SvrDMItem::SetBootstrapSpecs(SvrBootstrapSpecs* specs) {
   if (specs == bootstrapSpecs) return;
   delete bootstrapSpecs;
   bootstrapSpecs = specs;
+}
+
+// --- The held data file and the password. ---
+
+void SvrDMItem::LockSavFileInUse() {
+  // Compared with case on purpose: a name that changed only in case is
+  // opened afresh, which also renews the base time. A repeated call with the
+  // same name keeps the old base, so a change made in between stays visible.
+  if (fileName == lockedFileName) return;
+  // The old file goes first, even when the new one turns out not to open.
+  UnlockSavFileInUse();
+  if (fileName.empty()) return;
+
+  ExtNameStr name;
+  name.SetGeneric(fileName);
+  lockedFile = name.fsopen("r", 32);
+  // lockedFileName stays empty, so the next call tries again.
+  if (lockedFile == nullptr) return;
+  lockedFileName = fileName;
+
+  // Without a time the file is still held; the base simply stays 0.
+  struct stat status;
+  if (fstat(fileno(lockedFile), &status) == 0) lockedFileTime = status.st_mtime;
+}
+
+void SvrDMItem::UnlockSavFileInUse() {
+  if (lockedFile == nullptr) return;
+  std::fclose(lockedFile);
+  lockedFileTime = 0;
+  lockedFile = nullptr;
+  lockedFileName.clear();
+}
+
+bool SvrDMItem::SavFileExternallyChanged() const {
+  if (lockedFile == nullptr) return false;
+  // Asked of the open stream, not the name: a file replaced under the same
+  // name is not this file. Any difference counts, an older time too.
+  struct stat status;
+  if (fstat(fileno(lockedFile), &status) != 0) return false;
+  return static_cast<int64_t>(status.st_mtime) != lockedFileTime;
+}
+
+void SvrDMItem::FileName(std::string const& name) {
+  fileName = name;
+  LockSavFileInUse();
+}
+
+bool SvrDMItem::PasswordMangled() const {
+  // Only the head is asked: a file source further down the chain has been
+  // shadowed by whatever stands in front of it.
+  if (auto const* fileSource = dynamic_cast<SystemFileDataSource const*>(dataSource)) {
+    return fileSource->GetPasswordMangled();
+  }
+  return passwordMangled;
+}
+
+void SvrDMAssertionFailed(char const* expression, char const* file, int line, char const* function) {
+  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);
+  std::abort();
+}
+
+void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {
+  errorMonitor.InitializeErrorMonitor(dataSetID, proxy);
 }
 
 // --- Access lock ---------------------------------------------------------
@@ -177,8 +250,6 @@ void SvrDMItem::Unregister(SvrDMDataSetObserver& observer) {
   sfGuard guard(observerMutex, sfMutex::kExclusive);
   dataSetObservers.remove(&observer);
 }
-
-void SvrDMItem::AddNotification(DataSetMsg* message) { notifications.push_back(message); }
 
 void SvrDMItem::Notify(SvrDMWriteableDataSource const* source, SvrDMDataSetObserver* skip) {
   bool const creationDue = announce && !createNotified;

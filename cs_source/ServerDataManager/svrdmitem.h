@@ -35,7 +35,7 @@ class SvrDMDataSetObserver {
 
 // A dataset: identity, names, password, the owned chain of data sources, the
 // access lock, observers and queue, error monitor, snapshot, held file and
-// bootstrap specification. Shared through SvrDMItemPtr; the access classes
+// bootstrap specs. Shared through SvrDMItemPtr; the access classes
 // read and write the fields directly. Each group of fields has its own lock
 // rule, noted beside it: no single lock covers the record.
 class SvrDMItem : public QUOR_RefCntObject {
@@ -62,6 +62,29 @@ class SvrDMItem : public QUOR_RefCntObject {
   // 1 February 1975 12:00:00 when the clock cannot be broken down.
   static int quorTimestampNow(double* out);
 
+  // The held data file. While a dataset belongs to a file it keeps the file
+  // open, which marks it as in use and fixes the modification time against
+  // which outside changes are judged. No lock: callers serialise these.
+  //
+  // Brings the held file in line with fileName: nothing happens while the
+  // two names are equal with case; otherwise the old file is let go and the
+  // new one opened. A file that cannot be opened is not reported and is not
+  // held, so the next call tries again.
+  void LockSavFileInUse();
+  // Closes the held file, if any, and forgets its name and time.
+  void UnlockSavFileInUse();
+  // True when the held file's modification time, asked of the open stream,
+  // differs from the one read when it was opened; false with no file held.
+  bool SavFileExternallyChanged() const;
+  // Stores `name` as the dataset's file and moves the hold to it.
+  void FileName(std::string const& name);
+  // A SystemFileDataSource at the head of the chain answers; otherwise the
+  // item's own passwordMangled.
+  bool PasswordMangled() const;
+
+  // Appends `message` to the queue, which owns it from here on, also when
+  // the queue cannot grow: then the message is deleted and bad_alloc passes.
+  void AddNotification(DataSetMsg* message);
   // Deletes every queued message, undelivered.
   void ClearNotifications();
   // Deletes the whole chain of data sources, head first, each parent read
@@ -89,9 +112,8 @@ class SvrDMItem : public QUOR_RefCntObject {
   void Register(SvrDMDataSetObserver& observer);
   // Removes every entry of the observer; an unknown observer is no error.
   void Unregister(SvrDMDataSetObserver& observer);
-  // Queues `message` and takes ownership of it once it is queued. Needs the
-  // write lock. If the queue cannot grow the message stays with the caller.
-  void AddNotification(DataSetMsg* message);
+  // AddNotification and ClearNotifications above need the write lock too.
+  //
   // The pass at the end of a write access: brings the snapshot up to date,
   // sends a creation notice still due, tells every observer but `skip`, and
   // empties the queue. Needs the write lock.
@@ -105,6 +127,13 @@ class SvrDMItem : public QUOR_RefCntObject {
   // Takes ownership of `specs` (ordinary allocator) and frees the one held
   // before, unless it is the same record.
   void SetBootstrapSpecs(SvrBootstrapSpecs* specs);
+
+  // The embedded monitor, owned by the item. It reports nothing until
+  // InitializeErrorMonitor gives it a channel.
+  InteractiveErrorMonitor* GetErrorMonitor() { return &errorMonitor; }
+  // Gives the monitor this dataset's identifier and `proxy` (borrowed; null
+  // silences it again). The warning switch keeps its value.
+  void InitializeErrorMonitor(PackageProxy* proxy);
 
   // Set at construction.
   ServerDataManager* dataManager;
@@ -165,5 +194,11 @@ class SvrDMItem : public QUOR_RefCntObject {
 };
 
 typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
+
+// Reports a broken internal invariant in the usual assertion form and stops
+// the process. Unlike assert() it stays in release builds: what it guards
+// cannot be reached by input, only by a broken library underneath.
+[[noreturn]] void SvrDMAssertionFailed(char const* expression, char const* file, int line,
+                                       char const* function);
 
 #endif  // SDM_SVRDMITEM_H

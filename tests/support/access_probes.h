@@ -40,6 +40,26 @@ class ProbeMessage : public DataSetMsg {
   int* destroyed_;
 };
 
+// Brings the item's snapshot in line with its live source by one write
+// access that a throwaway observer watches, so that later passes queue only
+// what a test does. Needs no other access to the item.
+inline void SettleSnapshot(SvrDMItemPtr& item) {
+  struct Quiet : SvrDMDataSetObserver {
+    void DataSetChanged(SvrDMWriteableDataSource const*) override {}
+  } quiet;
+  item->Register(quiet);
+  { SvrDMWriteableDataSource writer(item, false, nullptr); }
+  item->Unregister(quiet);
+}
+
+// The label of a probe, the class name of any other message, "null" for a
+// null entry.
+inline std::string MessageLabel(DataSetMsg const* message) {
+  if (message == nullptr) return "null";
+  if (auto const* probe = dynamic_cast<ProbeMessage const*>(message)) return probe->Label();
+  return message->GetClassName();
+}
+
 // Opens once for good; every waiter then passes.
 class TestLatch {
  public:
