@@ -55,7 +55,9 @@ class NotifyTest : public ::testing::Test {
     SettleSnapshot(item_);
   }
 
-  ProbeMessage* Message(std::string label) { return new ProbeMessage(std::move(label), &messagesDestroyed_); }
+  ProbeMessage* Message(std::string label) {
+    return new ProbeMessage(std::move(label), &messagesDestroyed_);
+  }
 
   ServerDataManager registry_;
   LocallyUniqueID id_;
@@ -214,7 +216,9 @@ TEST_F(NotifyTest, ThrowingObserverLeavesTheQueueAndTheEndStillReleases) {
   registry_.Delete(id_);  // from here on this test and the writer alone hold the item
   item_->Register(a_);
   item_->Register(b_);
-  a_.onChanged = [](SvrDMWriteableDataSource const*) { throw std::runtime_error("observer failed"); };
+  a_.onChanged = [](SvrDMWriteableDataSource const*) {
+    throw std::runtime_error("observer failed");
+  };
   EXPECT_THROW(
       {
         SvrDMWriteableDataSource writer(item_, false, nullptr);
@@ -238,7 +242,9 @@ TEST_F(NotifyTest, ThrowingObserverLeavesTheQueueAndTheEndStillReleases) {
 
 TEST_F(NotifyTest, WriterEndingDuringAnotherExceptionLetsThatOneGoOn) {
   item_->Register(a_);
-  a_.onChanged = [](SvrDMWriteableDataSource const*) { throw std::runtime_error("observer failed"); };
+  a_.onChanged = [](SvrDMWriteableDataSource const*) {
+    throw std::runtime_error("observer failed");
+  };
   try {
     SvrDMWriteableDataSource writer(item_, false, nullptr);
     writer.AddNotification(Message("m"));
@@ -318,11 +324,14 @@ TEST_F(NotifyTest, SilentDatasetIsNeverAnnouncedByAPass) {
 TEST(NotifyPassTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
   ServerDataManager registry;
   std::atomic<int> destroyed{0};
-  auto endWriteAccess = [](SvrDMItemPtr& item) { SvrDMWriteableDataSource writer(item, false, nullptr); };
+  auto endWriteAccess = [](SvrDMItemPtr& item) {
+    SvrDMWriteableDataSource writer(item, false, nullptr);
+  };
   int64_t const neverUpdated = -2;
 
   // Announced at its add already, and nobody watches: the snapshot is left alone.
-  SvrDMItemPtr announced = registry.GetDataSet(registry.Add(*new ProbeSource(&destroyed), "", false));
+  SvrDMItemPtr announced =
+      registry.GetDataSet(registry.Add(*new ProbeSource(&destroyed), "", false));
   endWriteAccess(announced);
   EXPECT_EQ(announced->observerView.RowCountSeen(), neverUpdated);
 

@@ -65,8 +65,7 @@ namespace {
 constexpr int kLockNotAvailable = 55;
 }  // namespace
 
-SvrDMInputDataSource::SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly)
-    : SvrDMDataset(item) {
+SvrDMInputDataSource::SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly) : SvrDMDataset(item) {
   // If this throws, only the handle part is destroyed: no release runs for a
   // lock that was never taken, and no counter has moved.
   if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;

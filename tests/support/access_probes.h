@@ -15,7 +15,8 @@
 // outlive it.
 class ProbeSource : public QUOR_DataSource {
  public:
-  explicit ProbeSource(std::atomic<int>* destroyed) : QUOR_DataSource(nullptr), destroyed_(destroyed) {}
+  explicit ProbeSource(std::atomic<int>* destroyed)
+      : QUOR_DataSource(nullptr), destroyed_(destroyed) {}
   ~ProbeSource() override { ++*destroyed_; }
 
  private:
@@ -25,7 +26,8 @@ class ProbeSource : public QUOR_DataSource {
 // A notification message that carries a label and counts its destruction.
 class ProbeMessage : public DataSetMsg {
  public:
-  ProbeMessage(std::string label, int* destroyed) : label_(std::move(label)), destroyed_(destroyed) {}
+  ProbeMessage(std::string label, int* destroyed)
+      : label_(std::move(label)), destroyed_(destroyed) {}
   ~ProbeMessage() override {
     if (destroyed_ != nullptr) ++*destroyed_;
   }
