@@ -78,6 +78,12 @@ class SvrDMItem : public QUOR_RefCntObject {
   // Deletes the whole chain of data sources, head first, each parent read
   // before its child goes, and leaves `dataSource` null.
   void DeleteDataSource();
+  // Makes `newSource` the head of the chain and takes ownership of it and of
+  // its own parents. Sources of the old chain that the new one no longer
+  // reaches are deleted; the file is let go before the change and held again
+  // after it; a ResetUndoMsg is queued when a source was present. Needs the
+  // write lock.
+  void SetDataSet(QUOR_DataSource* newSource);
 
   SvrBootstrapSpecs* GetBootstrapSpecs() const { return bootstrapSpecs; }
   // Takes ownership of `specs` (ordinary allocator) and frees the one held
