@@ -117,6 +117,52 @@ void SvrDMItem::DeleteDataSource() {
   }
 }
 
+namespace {
+// Whether walking up from `from` along the parent links reaches `target`.
+// The walk's final null counts as reached.
+bool Reaches(QUOR_DataSource const* from, QUOR_DataSource const* target) {
+  for (QUOR_DataSource const* at = from;; at = at->GetParentSource()) {
+    if (at == target) return true;
+    if (at == nullptr) return false;
+  }
+}
+}  // namespace
+
+void SvrDMItem::SetDataSet(QUOR_DataSource* newSource) {
+  QUOR_DataSource* const old = dataSource;
+  // Delete what the new head no longer reaches. Falling back to an ancestor
+  // (or to nothing) drops the sources below it; a new head whose own chain
+  // leads to the old one keeps all of it; an unrelated head drops it all.
+  QUOR_DataSource* stop = nullptr;
+  bool deleteOld = false;
+  if (newSource != old) {
+    if (old != nullptr && Reaches(old, newSource)) {
+      deleteOld = true;
+      stop = newSource;
+    } else if (!Reaches(newSource, old)) {
+      deleteOld = true;
+    }
+  }
+  if (deleteOld) {
+    for (QUOR_DataSource* current = old; current != stop;) {
+      QUOR_DataSource* parent = current->GetParentSource();
+      delete current;
+      current = parent;
+    }
+  }
+
+  // The file goes before the head changes, and is held again after it: a
+  // replaced source may have reopened or renamed it.
+  if (old != nullptr) UnlockSavFileInUse();
+  dataSource = newSource;
+  if (old != nullptr) AddNotification(new ResetUndoMsg());
+  if (dataSource != nullptr) {
+    LockSavFileInUse();
+  } else {
+    UnlockSavFileInUse();
+  }
+}
+
 void SvrDMItem::SetBootstrapSpecs(SvrBootstrapSpecs* specs) {
   if (specs == bootstrapSpecs) return;
   delete bootstrapSpecs;

@@ -90,6 +90,12 @@ class SvrDMItem : public QUOR_RefCntObject {
   // Deletes the whole chain of data sources, head first, each parent read
   // before its child goes, and leaves `dataSource` null.
   void DeleteDataSource();
+  // Makes `newSource` the head of the chain and takes ownership of it and of
+  // its own parents. Sources of the old chain that the new one no longer
+  // reaches are deleted; the file is let go before the change and held again
+  // after it; a ResetUndoMsg is queued when a source was present. Needs the
+  // write lock.
+  void SetDataSet(QUOR_DataSource* newSource);
 
   // --- Access lock. Called only by the access objects: one Acquire from
   // the constructor, one ReleaseLock from the end of the same object, in the
