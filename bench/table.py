@@ -19,6 +19,13 @@ import sys
 PAIRS = {
     "BM_Bootstrap_SerializeSpecs": ("BM_Baseline_MemcpySpecsBytes", 8.0),
     "BM_Bootstrap_DeserializeSpecs": ("BM_Baseline_MemcpySpecsBytes", 8.0),
+    "BM_Update_NoDifference/1000": ("BM_Baseline_CompareHandles/1000", None),
+    "BM_Update_NoDifference/100000": ("BM_Baseline_CompareHandles/100000", 4.0),
+    "BM_Update_InsertMiddle/100000": ("BM_Update_NoDifference/100000", 3.0),
+    "BM_Update_MoveFirstToEnd_Bulk/10000": ("BM_Update_NoDifference/10000", 3.0),
+    "BM_Update_MoveFirstToEnd_Incremental/1000": (None, None),
+    # Its ratio is the growth from 1,000 to 10,000 variables.
+    "BM_Update_MoveFirstToEnd_Incremental/10000": ("BM_Update_MoveFirstToEnd_Incremental/1000", None),
     "BM_Registry_GetDataSetById": (None, None),
     "BM_Registry_AddThenDelete": (None, None),
 }
