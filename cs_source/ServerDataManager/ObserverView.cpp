@@ -12,6 +12,13 @@ namespace {
 
 LocallyUniqueID const kNoVariable;  // all ones: "no variable" and "at the end"
 
+// QUOR_Variable::operator==, with its first test, one shared definition,
+// made here where it inlines: most variables of a reconciled list share
+// their definition with the snapshot.
+bool SameVariable(QUOR_Variable const& a, QUOR_Variable const& b) {
+  return a.Definition() == b.Definition() || a == b;
+}
+
 // A null label and an empty one mean the same.
 char const* TextOrEmpty(char const* text) { return text != nullptr ? text : ""; }
 
@@ -117,11 +124,21 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
     LocallyUniqueID const id = liveVar.GetID();
 
     // Positions below iNew are settled; a variable that has not moved is
-    // found at once.
+    // found at once. The match is kept: while the view is not edited in this
+    // pass it is the view's variable at iNew, and an unchanged dictionary
+    // then costs one lookup per list and variable.
     uint32_t iOld = iNew;
-    while (iOld < view.ColumnCount() && view.GetVariable(static_cast<int>(iOld)).GetID() != id) ++iOld;
+    QUOR_Variable* found = nullptr;
+    for (uint32_t const nView = view.ColumnCount(); iOld < nView; ++iOld) {
+      QUOR_Variable& candidate = view.GetVariable(static_cast<int>(iOld));
+      if (candidate.GetID() == id) {
+        found = &candidate;
+        break;
+      }
+    }
+    bool const inPlace = found != nullptr && iOld == iNew;
 
-    if (iOld == view.ColumnCount()) {
+    if (found == nullptr) {
       LocallyUniqueID beforeID =
           view.ColumnCount() > iNew ? view.GetVariable(static_cast<int>(iNew)).GetID() : kNoVariable;
       std::vector<QUOR_Variable> inserted(1, liveVar);
@@ -151,15 +168,16 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
       }
     }
 
-    QUOR_Variable& viewVar = view.GetVariable(static_cast<int>(iNew));
-    if (!(liveVar == viewVar)) {
+    QUOR_Variable& viewVar = inPlace ? *found : view.GetVariable(static_cast<int>(iNew));
+    if (!SameVariable(liveVar, viewVar)) {
       QUOR_Variable changed = liveVar;
       Queue<ModifyVarMsg>(changed);
       if (liveVar.GetType() != viewVar.GetType()) bResetClient = true;
       live.SetDirty(true);
       viewVar = liveVar;
     }
-    if (!(view.GetVariable(static_cast<int>(iNew)) == live.GetVariable(static_cast<int>(iNew)))) {
+    // viewVar and liveVar are still what GetVariable(iNew) of each list gives.
+    if (!SameVariable(viewVar, liveVar)) {
       SvrDMAssertionFailed("view.GetVariable(iNew) == pDs->GetVariable(iNew)",
                            "cs_source/ServerDataManager/ObserverView", __LINE__,
                            "void SvrDMObserverView::Update()");
