@@ -81,6 +81,52 @@ TEST_F(RefCountPtrTest, AssignmentFromPointerWhoseOwnerTheOldTargetHolds) {
   EXPECT_EQ(target->value, 7);
 }
 
+TEST_F(RefCountPtrTest, MoveHandsTheReferenceOverWithoutCounting) {
+  RefCountPtr<Counted> a(new Counted(1));
+  RefCountPtr<Counted> moved(std::move(a));
+  EXPECT_FALSE(a.IsValid());  // NOLINT: the moved-from state is what is checked
+  ASSERT_TRUE(moved.IsValid());
+  EXPECT_FALSE(moved->IsShared());
+
+  // Onto a pointer that holds another target: that one is released.
+  RefCountPtr<Counted> other(new Counted(2));
+  other = std::move(moved);
+  EXPECT_EQ(Counted::alive, 1);
+  EXPECT_EQ(other->value, 1);
+  EXPECT_FALSE(other->IsShared());
+
+  RefCountPtr<Counted>& alias = other;
+  other = std::move(alias);
+  ASSERT_TRUE(other.IsValid());
+  EXPECT_FALSE(other->IsShared());
+
+  // A vector that grows moves its handles: the counts stay as they were.
+  std::vector<RefCountPtr<Counted>> handles(1, other);
+  EXPECT_TRUE(other->IsShared());
+  for (int i = 0; i < 100; ++i) handles.emplace_back(new Counted(i));
+  handles.erase(handles.begin() + 1, handles.end());
+  EXPECT_EQ(Counted::alive, 1);
+  handles.clear();
+  EXPECT_FALSE(other->IsShared());
+}
+
+TEST_F(RefCountPtrTest, MoveOutOfAnObjectTheOldTargetOwns) {
+  // The pointer's own target holds the source: releasing it destroys the
+  // source, so the source must be read and emptied first.
+  struct Node : QUOR_RefCntObject {
+    explicit Node(int v) : counted(new Counted(v)) {}
+    RefCountPtr<Counted> counted;
+    RefCountPtr<Node> next;
+  };
+  RefCountPtr<Node> list(new Node(1));
+  list->next = new Node(2);
+  list = std::move(list->next);
+  ASSERT_TRUE(list.IsValid());
+  EXPECT_EQ(list->counted->value, 2);
+  EXPECT_FALSE(list->IsShared());
+  EXPECT_EQ(Counted::alive, 1);
+}
+
 TEST_F(RefCountPtrTest, UnsharedCopiesOnlyWhenShared) {
   RefCountPtr<Counted> only(new Counted(1));
   Counted* before = only.get();

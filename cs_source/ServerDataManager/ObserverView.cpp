@@ -1,6 +1,7 @@
 #include "ObserverView.h"
 
 #include <cstring>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -158,7 +159,7 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
           ++j;
         }
       }
-      if (!deletedVars.empty()) Queue<DeleteVarsMsg>(deletedVars);
+      if (!deletedVars.empty()) Queue<DeleteVarsMsg>(std::move(deletedVars));
 
       if (iOld > iNew) {
         Queue<MoveVarsMsg>(std::vector<unsigned int>(1, iOld), iNew);
@@ -188,7 +189,7 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
     std::vector<QUOR_Variable> tail;
     for (uint32_t i = nLive; i < view.ColumnCount(); ++i) tail.push_back(view.GetVariable(static_cast<int>(i)));
     view.DeleteVariables(static_cast<int>(nLive), static_cast<int>(view.ColumnCount()) - 1);
-    Queue<DeleteVarsMsg>(tail);
+    Queue<DeleteVarsMsg>(std::move(tail));
   }
 }
 
@@ -198,8 +199,21 @@ void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
   int const n = static_cast<int>(view.ColumnCount());
   std::vector<QUOR_Variable> old;
   old.reserve(static_cast<std::size_t>(n));
-  for (int i = 0; i < n; ++i) old.push_back(view.GetVariable(i));
-  Queue<DeleteVarsMsg>(old);
+  // Room for both messages first, so that handing one over cannot fail
+  // once it is built.
+  pItem->notifications.reserve(pItem->notifications.size() + 2);
+  // The view's handles pass to the message rather than being copied and
+  // then dropped: two atomic operations a variable saved. Until the message
+  // is queued the view holds empty handles; if building it fails (only its
+  // allocation can, which comes before the list is taken), they go back, so
+  // the view is as it was and the next Update starts over.
+  for (int i = 0; i < n; ++i) old.push_back(std::move(view.GetVariable(i)));
+  try {
+    Queue<DeleteVarsMsg>(std::move(old));
+  } catch (...) {
+    for (std::size_t i = 0; i < old.size(); ++i) view.GetVariable(static_cast<int>(i)) = std::move(old[i]);
+    throw;
+  }
   view.DeleteVariables(0, n - 1);
 
   int const m = static_cast<int>(live.ColumnCount());
