@@ -15,6 +15,7 @@ constexpr int kDatasets = 100;
 void BM_Registry_GetDataSetById(benchmark::State& state) {
   ServerDataManager registry;
   std::vector<LocallyUniqueID> ids;
+  ids.reserve(kDatasets);
   for (int i = 0; i < kDatasets; ++i) {
     ids.push_back(registry.Add(*new DataFreeDataSource, std::string(), true));
   }

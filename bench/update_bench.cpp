@@ -109,7 +109,11 @@ void BM_Update_NoDifference(benchmark::State& state) {
   if (!dataset.item().notifications.empty()) state.SkipWithError("Update found a difference");
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * state.range(0));
 }
-BENCHMARK(BM_Update_NoDifference)->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_Update_NoDifference)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Arg(100000)
+    ->Unit(benchmark::kMicrosecond);
 
 // One new variable in the middle: one search that fails, one InsertVarsMsg.
 void BM_Update_InsertMiddle(benchmark::State& state) {
@@ -186,6 +190,9 @@ void BM_Update_MoveFirstToEnd_Incremental(benchmark::State& state) {
     state.SkipWithError("expected one MoveVarsMsg per variable after the first");
   }
 }
-BENCHMARK(BM_Update_MoveFirstToEnd_Incremental)->Arg(1000)->Arg(10000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_Update_MoveFirstToEnd_Incremental)
+    ->Arg(1000)
+    ->Arg(10000)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -136,10 +136,12 @@ TEST_F(SnapshotMemoryTest, SnapshotSharesDefinitionsAndCostsAtMost24BytesAVariab
   QUOR_DataSource const& snapshot = item->observerView.Snapshot();
   ASSERT_EQ(snapshot.ColumnCount(), source->ColumnCount());
   for (int i = 0; i < kVariables; ++i) {
-    ASSERT_EQ(snapshot.GetVariable(i).Definition(), source->GetVariable(i).Definition()) << "at " << i;
+    ASSERT_EQ(snapshot.GetVariable(i).Definition(), source->GetVariable(i).Definition())
+        << "at " << i;
   }
   // A copied definition alone would be several times this.
-  EXPECT_LE(held, 24L * kVariables) << held / static_cast<double>(kVariables) << " bytes a variable";
+  EXPECT_LE(held, 24L * kVariables)
+      << held / static_cast<double>(kVariables) << " bytes a variable";
 }
 
 TEST_F(SnapshotMemoryTest, UpdateFindingNoDifferenceAllocatesNothing) {

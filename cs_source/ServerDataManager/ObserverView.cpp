@@ -211,7 +211,9 @@ void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
   try {
     Queue<DeleteVarsMsg>(std::move(old));
   } catch (...) {
-    for (std::size_t i = 0; i < old.size(); ++i) view.GetVariable(static_cast<int>(i)) = std::move(old[i]);
+    for (std::size_t i = 0; i < old.size(); ++i) {
+      view.GetVariable(static_cast<int>(i)) = std::move(old[i]);
+    }
     throw;
   }
   view.DeleteVariables(0, n - 1);

@@ -129,9 +129,13 @@ class ByteReader {
     static_assert(sizeof(Int) == 4, "list items are 32 bits wide");
     unsigned char const* at = data_ + pos_;
     if (swapped_) {
-      for (std::size_t i = 0; i < count; ++i) items[i] = static_cast<Int>(Swap(Load<uint32_t>(at + 4 * i)));
+      for (std::size_t i = 0; i < count; ++i) {
+        items[i] = static_cast<Int>(Swap(Load<uint32_t>(at + 4 * i)));
+      }
     } else {
-      for (std::size_t i = 0; i < count; ++i) items[i] = static_cast<Int>(Load<uint32_t>(at + 4 * i));
+      for (std::size_t i = 0; i < count; ++i) {
+        items[i] = static_cast<Int>(Load<uint32_t>(at + 4 * i));
+      }
     }
     pos_ += 4 * count;
   }
