@@ -61,15 +61,14 @@ class ByteWriter {
   void F64(double value) { at_ = Store(at_, DoubleBits(value)); }
   void Count(std::size_t size) { U32(static_cast<uint32_t>(size)); }
 
-  // A list's items, 4 bytes each. The position is kept in a local while the
-  // loop runs: stores through a char pointer could otherwise alias at_ and
-  // force it back to memory after every item.
+  // A list's items, 4 bytes each in this machine's order: exactly the bytes
+  // of the array of 32-bit integers, copied as one block.
   template <typename Int>
   void Items(std::vector<Int> const& items) {
     static_assert(sizeof(Int) == 4, "list items are 32 bits wide");
-    char* at = at_;
-    for (Int item : items) at = Store(at, static_cast<uint32_t>(item));
-    at_ = at;
+    if (items.empty()) return;
+    std::memcpy(at_, items.data(), 4 * items.size());
+    at_ += 4 * items.size();
   }
 
  private:
@@ -132,10 +131,9 @@ class ByteReader {
       for (std::size_t i = 0; i < count; ++i) {
         items[i] = static_cast<Int>(Swap(Load<uint32_t>(at + 4 * i)));
       }
-    } else {
-      for (std::size_t i = 0; i < count; ++i) {
-        items[i] = static_cast<Int>(Load<uint32_t>(at + 4 * i));
-      }
+    } else if (count != 0) {
+      // In this machine's order the bytes are those of the array itself.
+      std::memcpy(items, at, 4 * count);
     }
     pos_ += 4 * count;
   }
