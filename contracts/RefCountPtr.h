@@ -13,6 +13,10 @@ class RefCountPtr {
  public:
   RefCountPtr(T* p = nullptr) : target_(p) { Init(); }  // NOLINT: implicit by design
   RefCountPtr(RefCountPtr const& other) : target_(other.target_) { Init(); }
+  // A move hands the reference over: the count does not change and `other`
+  // is left null. Containers of handles move them when they grow or close
+  // up, so a shift costs no atomic operation per element.
+  RefCountPtr(RefCountPtr&& other) noexcept : target_(other.target_) { other.target_ = nullptr; }
   ~RefCountPtr() {
     if (target_ != nullptr) target_->RemoveReference();
     target_ = nullptr;
@@ -32,6 +36,16 @@ class RefCountPtr {
     // that holds `other`, and with it nothing we may still trust but this.
     target_ = other.target_;
     Init();
+    return *this;
+  }
+
+  RefCountPtr& operator=(RefCountPtr&& other) noexcept {
+    if (&other == this) return *this;
+    T* old = target_;
+    target_ = other.target_;
+    other.target_ = nullptr;
+    // Released last, as in the copy: it may destroy the object holding `other`.
+    if (old != nullptr) old->RemoveReference();
     return *this;
   }
 

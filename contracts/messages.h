@@ -74,7 +74,8 @@ class DeleteVarsMsg : public DataSetMsg {
 };
 
 // The listed variables enter the dictionary in front of `beforeID`, or at the
-// end when it is all-ones.
+// end when it is all-ones. The constructor takes the list over and leaves
+// `variables` empty.
 class InsertVarsMsg : public DataSetMsg {
  public:
   InsertVarsMsg() = default;

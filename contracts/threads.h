@@ -3,7 +3,9 @@
 #ifndef SDM_CONTRACTS_THREADS_H
 #define SDM_CONTRACTS_THREADS_H
 
+#include <atomic>
 #include <condition_variable>
+#include <cstdint>
 #include <mutex>
 
 #include "ThreadAnnotations.h"
@@ -23,12 +25,15 @@ class SDM_CAPABILITY("mutex") sfMutexRW {
   void unlock() SDM_RELEASE_GENERIC();
 
  private:
-  // guarded by mutex_
+  // The whole state in one word: bit 0 a writer holds it, bits 1-31 the
+  // writers waiting, bits 32-63 the readers holding it. An uncontended
+  // acquire or release is one compare-and-swap on it; only a thread that
+  // must wait takes mutex_ and sleeps on changed_.
+  std::atomic<uint64_t> state_{0};
+  // Threads inside the waiting path. A release that sees none skips mutex_.
+  std::atomic<int> sleepers_{0};
   std::mutex mutex_;
   std::condition_variable changed_;
-  int readers_ = 0;
-  int waitingWriters_ = 0;
-  bool writer_ = false;
 };
 
 // Plain mutex, taken only through sfGuard.

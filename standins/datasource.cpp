@@ -146,11 +146,23 @@ void QUOR_DataSource::CopyDictionary(QUOR_DataSource const& other) {
   dict_ = other.dict_;
 }
 
+namespace {
+
+// Out of line and cold, so that the check it serves stays a compare and a
+// branch inlined into GetVariable, which reconciliation calls several times
+// per variable.
+[[noreturn]] __attribute__((noinline, cold)) void ThrowOutsideDictionary(char const* operation,
+                                                                         long position,
+                                                                         std::size_t count) {
+  throw std::out_of_range(std::string(operation) + ": position " + std::to_string(position) +
+                          " outside a dictionary of " + std::to_string(count) + " variables");
+}
+
+}  // namespace
+
 void QUOR_DataSource::CheckPosition(long position, long limit, char const* operation) const {
   if (position < 0 || position >= limit) {
-    throw std::out_of_range(std::string(operation) + ": position " + std::to_string(position) +
-                            " outside a dictionary of " + std::to_string(dict_.variables.size()) +
-                            " variables");
+    ThrowOutsideDictionary(operation, position, dict_.variables.size());
   }
 }
 

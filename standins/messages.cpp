@@ -162,7 +162,11 @@ SDM_MESSAGE_CLASS(InsertVarsMsg)
 
 InsertVarsMsg::InsertVarsMsg(uint32_t reserved, LocallyUniqueID dataSetID, uint32_t caseSequence,
                              std::vector<QUOR_Variable>& variables, LocallyUniqueID beforeID)
-    : DataSetMsg(reserved, dataSetID, caseSequence), variables_(variables), beforeID_(beforeID) {}
+    : DataSetMsg(reserved, dataSetID, caseSequence), beforeID_(beforeID) {
+  // The caller's list dies once the message is queued, so the message takes
+  // it over instead of copying every handle (and its reference count).
+  variables_.swap(variables);
+}
 
 void InsertVarsMsg::Serialize(VStream& stream) {
   DataSetMsg::Serialize(stream);

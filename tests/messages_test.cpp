@@ -160,6 +160,17 @@ TEST(MessagesTest, ExtensionIsSharedNotCopied) {
   EXPECT_EQ(message.GetExtension()->GetLength(), 3);
 }
 
+TEST(MessagesTest, InsertTakesTheListOverAndSharesItsDefinitions) {
+  QUOR_Variable const a(Id(1), "a");
+  std::vector<QUOR_Variable> list = {a, QUOR_Variable(Id(2), "b")};
+  QUOR_VariableImpl const* second = list[1].Definition();
+  InsertVarsMsg insert(0, kDataSet, kCase, list, Id(4));
+  EXPECT_TRUE(list.empty());
+  ASSERT_EQ(insert.GetVariables().size(), 2u);
+  EXPECT_EQ(insert.GetVariables()[0].Definition(), a.Definition());
+  EXPECT_EQ(insert.GetVariables()[1].Definition(), second);
+}
+
 TEST(MessagesTest, EmptyListsNoSplitAndNoFilterAreValid) {
   std::vector<QUOR_Variable> none;
   DeleteVarsMsg deleted(0, kDataSet, kCase, none);

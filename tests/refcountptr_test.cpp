@@ -53,6 +53,28 @@ TEST_F(RefCountPtrTest, AssigningFromAPointerOwnedByTheOldTargetIsSafe) {
   EXPECT_EQ(target->value, 7);
 }
 
+TEST_F(RefCountPtrTest, MoveOutOfAnObjectTheOldTargetOwns) {
+  // The pointer's own target holds the source: releasing it destroys the
+  // source, so the source must be read and emptied first.
+  struct Node : QUOR_RefCntObject {
+    explicit Node(int v) : counted(new Counted(v)) {}
+    RefCountPtr<Counted> counted;
+    RefCountPtr<Node> next;
+  };
+  RefCountPtr<Counted> plain(new Counted(3));
+  RefCountPtr<Counted> moved(std::move(plain));
+  EXPECT_FALSE(plain.IsValid());  // NOLINT: the moved-from state is what is checked
+  EXPECT_FALSE(moved->IsShared());
+  moved = nullptr;
+  RefCountPtr<Node> list(new Node(1));
+  list->next = new Node(2);
+  list = std::move(list->next);
+  ASSERT_TRUE(list.IsValid());
+  EXPECT_EQ(list->counted->value, 2);
+  EXPECT_FALSE(list->IsShared());
+  EXPECT_EQ(Counted::alive, 1);
+}
+
 TEST_F(RefCountPtrTest, UnsharedCopiesOnlyWhenSharedAndCopiesStartUncounted) {
   RefCountPtr<Counted> only(new Counted(1));
   Counted* before = only.get();

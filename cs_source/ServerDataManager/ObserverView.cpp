@@ -1,6 +1,7 @@
 #include "ObserverView.h"
 
 #include <cstring>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,13 @@
 namespace {
 
 LocallyUniqueID const kNoVariable;  // all ones: "no variable" and "at the end"
+
+// QUOR_Variable::operator==, with its first test, one shared definition,
+// made here where it inlines: most variables of a reconciled list share
+// their definition with the snapshot.
+bool SameVariable(QUOR_Variable const& a, QUOR_Variable const& b) {
+  return a.Definition() == b.Definition() || a == b;
+}
 
 // A null label and an empty one mean the same.
 char const* TextOrEmpty(char const* text) { return text != nullptr ? text : ""; }
@@ -117,11 +125,21 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
     LocallyUniqueID const id = liveVar.GetID();
 
     // Positions below iNew are settled; a variable that has not moved is
-    // found at once.
+    // found at once. The match is kept: while the view is not edited in this
+    // pass it is the view's variable at iNew, and an unchanged dictionary
+    // then costs one lookup per list and variable.
     uint32_t iOld = iNew;
-    while (iOld < view.ColumnCount() && view.GetVariable(static_cast<int>(iOld)).GetID() != id) ++iOld;
+    QUOR_Variable* found = nullptr;
+    for (uint32_t const nView = view.ColumnCount(); iOld < nView; ++iOld) {
+      QUOR_Variable& candidate = view.GetVariable(static_cast<int>(iOld));
+      if (candidate.GetID() == id) {
+        found = &candidate;
+        break;
+      }
+    }
+    bool const inPlace = found != nullptr && iOld == iNew;
 
-    if (iOld == view.ColumnCount()) {
+    if (found == nullptr) {
       LocallyUniqueID beforeID =
           view.ColumnCount() > iNew ? view.GetVariable(static_cast<int>(iNew)).GetID() : kNoVariable;
       std::vector<QUOR_Variable> inserted(1, liveVar);
@@ -141,7 +159,7 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
           ++j;
         }
       }
-      if (!deletedVars.empty()) Queue<DeleteVarsMsg>(deletedVars);
+      if (!deletedVars.empty()) Queue<DeleteVarsMsg>(std::move(deletedVars));
 
       if (iOld > iNew) {
         Queue<MoveVarsMsg>(std::vector<unsigned int>(1, iOld), iNew);
@@ -151,15 +169,16 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
       }
     }
 
-    QUOR_Variable& viewVar = view.GetVariable(static_cast<int>(iNew));
-    if (!(liveVar == viewVar)) {
+    QUOR_Variable& viewVar = inPlace ? *found : view.GetVariable(static_cast<int>(iNew));
+    if (!SameVariable(liveVar, viewVar)) {
       QUOR_Variable changed = liveVar;
       Queue<ModifyVarMsg>(changed);
       if (liveVar.GetType() != viewVar.GetType()) bResetClient = true;
       live.SetDirty(true);
       viewVar = liveVar;
     }
-    if (!(view.GetVariable(static_cast<int>(iNew)) == live.GetVariable(static_cast<int>(iNew)))) {
+    // viewVar and liveVar are still what GetVariable(iNew) of each list gives.
+    if (!SameVariable(viewVar, liveVar)) {
       SvrDMAssertionFailed("view.GetVariable(iNew) == pDs->GetVariable(iNew)",
                            "cs_source/ServerDataManager/ObserverView", __LINE__,
                            "void SvrDMObserverView::Update()");
@@ -170,7 +189,7 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
     std::vector<QUOR_Variable> tail;
     for (uint32_t i = nLive; i < view.ColumnCount(); ++i) tail.push_back(view.GetVariable(static_cast<int>(i)));
     view.DeleteVariables(static_cast<int>(nLive), static_cast<int>(view.ColumnCount()) - 1);
-    Queue<DeleteVarsMsg>(tail);
+    Queue<DeleteVarsMsg>(std::move(tail));
   }
 }
 
@@ -180,8 +199,23 @@ void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
   int const n = static_cast<int>(view.ColumnCount());
   std::vector<QUOR_Variable> old;
   old.reserve(static_cast<std::size_t>(n));
-  for (int i = 0; i < n; ++i) old.push_back(view.GetVariable(i));
-  Queue<DeleteVarsMsg>(old);
+  // Room for both messages first, so that handing one over cannot fail
+  // once it is built.
+  pItem->notifications.reserve(pItem->notifications.size() + 2);
+  // The view's handles pass to the message rather than being copied and
+  // then dropped: two atomic operations a variable saved. Until the message
+  // is queued the view holds empty handles; if building it fails (only its
+  // allocation can, which comes before the list is taken), they go back, so
+  // the view is as it was and the next Update starts over.
+  for (int i = 0; i < n; ++i) old.push_back(std::move(view.GetVariable(i)));
+  try {
+    Queue<DeleteVarsMsg>(std::move(old));
+  } catch (...) {
+    for (std::size_t i = 0; i < old.size(); ++i) {
+      view.GetVariable(static_cast<int>(i)) = std::move(old[i]);
+    }
+    throw;
+  }
   view.DeleteVariables(0, n - 1);
 
   int const m = static_cast<int>(live.ColumnCount());

@@ -1,18 +1,16 @@
 #include "bootstrapspecs.h"
 
+#include <cassert>
 #include <cstddef>
 #include <cstring>
 
 namespace {
 
-#if defined(__BYTE_ORDER__) && defined(__ORDER_BIG_ENDIAN__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
-constexpr bool kHostBigEndian = true;
-#else
-constexpr bool kHostBigEndian = false;
-#endif
-
 constexpr uint16_t kByteOrderMark = 1;
 constexpr uint32_t kFormatVersion = 1;
+// Mark, version, method, seven counts, level, interval type, sample count
+// and the one byte at the end.
+constexpr std::size_t kEmptyFormLength = 2 + 4 + 4 + 7 * 4 + 8 + 4 + 4 + 1;
 
 uint64_t DoubleBits(double value) {
   uint64_t bits;
@@ -26,28 +24,55 @@ double BitsToDouble(uint64_t bits) {
   return value;
 }
 
-// Appends fixed-width values in this machine's byte order, built by shifts
-// so the code says which byte goes first.
+// The form is in this machine's byte order, which its mark announces, so a
+// value's bytes are its bytes in memory: each fixed-width value is copied
+// out of or into its own variable by these two, and a reader of the other
+// order reverses it with Swap.
+template <typename T>
+char* Store(char* at, T value) {
+  std::memcpy(at, &value, sizeof value);
+  return at + sizeof value;
+}
+
+template <typename T>
+T Load(unsigned char const* at) {
+  T value;
+  std::memcpy(&value, at, sizeof value);
+  return value;
+}
+
+uint16_t Swap(uint16_t value) { return __builtin_bswap16(value); }
+uint32_t Swap(uint32_t value) { return __builtin_bswap32(value); }
+uint64_t Swap(uint64_t value) { return __builtin_bswap64(value); }
+
+// Writes fixed-width values into room the caller has made: the form's
+// length is known before the first byte, so the string grows once and the
+// writer never checks for space.
 class ByteWriter {
  public:
-  explicit ByteWriter(std::string& out) : out_(out) {}
+  explicit ByteWriter(char* at) : at_(at) {}
 
-  void Byte(uint8_t value) { out_.push_back(static_cast<char>(value)); }
-  void U16(uint16_t value) { Put(value, 2); }
-  void U32(uint32_t value) { Put(value, 4); }
-  void I32(int32_t value) { Put(static_cast<uint32_t>(value), 4); }
-  void F64(double value) { Put(DoubleBits(value), 8); }
+  char* Position() const { return at_; }
+
+  void Byte(uint8_t value) { *at_++ = static_cast<char>(value); }
+  void U16(uint16_t value) { at_ = Store(at_, value); }
+  void U32(uint32_t value) { at_ = Store(at_, value); }
+  void I32(int32_t value) { at_ = Store(at_, static_cast<uint32_t>(value)); }
+  void F64(double value) { at_ = Store(at_, DoubleBits(value)); }
   void Count(std::size_t size) { U32(static_cast<uint32_t>(size)); }
 
- private:
-  void Put(uint64_t value, int width) {
-    for (int i = 0; i < width; ++i) {
-      int byteIndex = kHostBigEndian ? width - 1 - i : i;
-      Byte(static_cast<uint8_t>(value >> (8 * byteIndex)));
-    }
+  // A list's items, 4 bytes each in this machine's order: exactly the bytes
+  // of the array of 32-bit integers, copied as one block.
+  template <typename Int>
+  void Items(std::vector<Int> const& items) {
+    static_assert(sizeof(Int) == 4, "list items are 32 bits wide");
+    if (items.empty()) return;
+    std::memcpy(at_, items.data(), 4 * items.size());
+    at_ += 4 * items.size();
   }
 
-  std::string& out_;
+ private:
+  char* at_;
 };
 
 // Reads fixed-width values from a byte string without ever looking past its
@@ -68,15 +93,13 @@ class ByteReader {
     return true;
   }
   bool U16(uint16_t& value) {
-    uint64_t wide;
-    if (!Take(2, wide)) return false;
-    value = static_cast<uint16_t>(wide);
+    if (Remaining() < 2) return false;
+    value = Take<uint16_t>();
     return true;
   }
   bool U32(uint32_t& value) {
-    uint64_t wide;
-    if (!Take(4, wide)) return false;
-    value = static_cast<uint32_t>(wide);
+    if (Remaining() < 4) return false;
+    value = Take<uint32_t>();
     return true;
   }
   bool I32(int32_t& value) {
@@ -86,9 +109,8 @@ class ByteReader {
     return true;
   }
   bool F64(double& value) {
-    uint64_t bits;
-    if (!Take(8, bits)) return false;
-    value = BitsToDouble(bits);
+    if (Remaining() < 8) return false;
+    value = BitsToDouble(Take<uint64_t>());
     return true;
   }
   // Reads a list's count and succeeds only if all `count` items of
@@ -99,18 +121,40 @@ class ByteReader {
     return count <= Remaining() / itemWidth;
   }
 
- private:
-  bool Take(int width, uint64_t& value) {
-    if (Remaining() < static_cast<std::size_t>(width)) return false;
-    bool bigEndian = kHostBigEndian != swapped_;
-    uint64_t result = 0;
-    for (int i = 0; i < width; ++i) {
-      int byteIndex = bigEndian ? width - 1 - i : i;
-      result |= static_cast<uint64_t>(data_[pos_ + i]) << (8 * byteIndex);
+  // The items of a list whose count Count has accepted, 4 bytes each, into
+  // `items`, which holds that many: the room was checked once for the list.
+  template <typename Int>
+  void Items(Int* items, std::size_t count) {
+    static_assert(sizeof(Int) == 4, "list items are 32 bits wide");
+    unsigned char const* at = data_ + pos_;
+    if (swapped_) {
+      for (std::size_t i = 0; i < count; ++i) {
+        items[i] = static_cast<Int>(Swap(Load<uint32_t>(at + 4 * i)));
+      }
+    } else if (count != 0) {
+      // In this machine's order the bytes are those of the array itself.
+      std::memcpy(items, at, 4 * count);
     }
-    pos_ += width;
-    value = result;
-    return true;
+    pos_ += 4 * count;
+  }
+  // The auxiliary pairs of a list whose count Count has accepted, 12 bytes
+  // each, into `pairs`, which holds that many: the double, then the unsigned
+  // value, each reversed by itself under conversion. Written member by
+  // member in place: a pair built aside and copied in is two narrow stores
+  // read back as one wide load, which stalls on every item.
+  void Pairs(SvrBootstrapSpecs::AuxPair* pairs, std::size_t count) {
+    for (std::size_t i = 0; i < count; ++i) {
+      pairs[i].first = BitsToDouble(Take<uint64_t>());
+      pairs[i].second = Take<uint32_t>();
+    }
+  }
+
+ private:
+  template <typename T>
+  T Take() {
+    T value = Load<T>(data_ + pos_);
+    pos_ += sizeof value;
+    return swapped_ ? Swap(value) : value;
   }
 
   unsigned char const* data_;
@@ -121,7 +165,7 @@ class ByteReader {
 
 void WriteIntList(ByteWriter& writer, std::vector<int> const& list) {
   writer.Count(list.size());
-  for (int item : list) writer.I32(item);
+  writer.Items(list);
 }
 
 // Reads one variable list. False when it does not fit whole. A count of 0
@@ -131,13 +175,8 @@ bool ReadIntList(ByteReader& reader, Setter apply) {
   uint32_t count;
   if (!reader.Count(4, count)) return false;
   if (count == 0) return true;
-  std::vector<int> list;
-  list.reserve(count);
-  for (uint32_t i = 0; i < count; ++i) {
-    int32_t item = 0;
-    reader.I32(item);  // Cannot fail: Count checked the room for every item.
-    list.push_back(item);
-  }
+  std::vector<int> list(count);
+  reader.Items(list.data(), count);
   apply(list);
   return true;
 }
@@ -208,7 +247,13 @@ void SvrBootstrapSpecs::Display(std::ostream& out) const {
 
 void SvrBootstrapSpecsSerializer::serializeSpecs(SvrBootstrapSpecs const& specs,
                                                  std::string& out) {
-  ByteWriter writer(out);
+  std::size_t const items = specs.strataVarList.size() + specs.dependVarList.size() +
+                            specs.inputVarList.size() + specs.predictedVarList.size() +
+                            specs.residualVarList.size() + specs.auxIndexList.size();
+  std::size_t const length = kEmptyFormLength + 4 * items + 12 * specs.auxPairList.size();
+  std::size_t const start = out.size();
+  out.resize(start + length);
+  ByteWriter writer(&out[start]);
   writer.U16(kByteOrderMark);
   writer.U32(kFormatVersion);
   writer.I32(specs.GetSamplingMethod());
@@ -218,7 +263,7 @@ void SvrBootstrapSpecsSerializer::serializeSpecs(SvrBootstrapSpecs const& specs,
   WriteIntList(writer, specs.GetPredictedVarList());
   WriteIntList(writer, specs.GetResidualVarList());
   writer.Count(specs.auxIndexList.size());
-  for (unsigned int item : specs.auxIndexList) writer.U32(item);
+  writer.Items(specs.auxIndexList);
   writer.Count(specs.auxPairList.size());
   for (SvrBootstrapSpecs::AuxPair const& pair : specs.auxPairList) {
     writer.F64(pair.first);
@@ -228,6 +273,7 @@ void SvrBootstrapSpecsSerializer::serializeSpecs(SvrBootstrapSpecs const& specs,
   writer.I32(specs.GetCIType());
   writer.I32(specs.GetNSamples());
   writer.Byte(specs.GetExcludeUserMiss() ? 1 : 0);
+  assert(writer.Position() == &out[0] + out.size());
 }
 
 void SvrBootstrapSpecsSerializer::deserializeSpecs(std::string const& in,
@@ -265,22 +311,14 @@ void SvrBootstrapSpecsSerializer::deserializeSpecs(std::string const& in,
   uint32_t count;
   if (!reader.Count(4, count)) return;
   specs.auxIndexList.reserve(specs.auxIndexList.size() + count);
-  for (uint32_t i = 0; i < count; ++i) {
-    uint32_t item = 0;
-    reader.U32(item);
-    specs.auxIndexList.push_back(item);
-  }
+  std::size_t const held = specs.auxIndexList.size();
+  specs.auxIndexList.resize(held + count);
+  reader.Items(specs.auxIndexList.data() + held, count);
 
   if (!reader.Count(12, count)) return;
-  specs.auxPairList.reserve(specs.auxPairList.size() + count);
-  for (uint32_t i = 0; i < count; ++i) {
-    // Each member of the pair is reversed by itself under conversion.
-    double first = 0.0;
-    uint32_t second = 0;
-    reader.F64(first);
-    reader.U32(second);
-    specs.auxPairList.emplace_back(first, second);
-  }
+  std::size_t const heldPairs = specs.auxPairList.size();
+  specs.auxPairList.resize(heldPairs + count);
+  reader.Pairs(specs.auxPairList.data() + heldPairs, count);
 
   double level;
   if (!reader.F64(level)) return;
