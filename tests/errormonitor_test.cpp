@@ -41,7 +41,7 @@ TEST(InteractiveErrorMonitorTest, ReportSendsErrorsAlwaysAndWarningsWhileSwitche
   }
 }
 
-// An item's monitor starts with no channel and warnings on; initializing a
+// An item's monitor starts with warnings on; initializing a
 // monitor replaces its identifier and channel and keeps the warning switch.
 TEST(InteractiveErrorMonitorTest, InitializeReplacesIdAndChannelAndKeepsTheSwitch) {
   LocallyUniqueID itemID(1, 17), later(5, 99);
