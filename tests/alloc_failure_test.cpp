@@ -1,0 +1,716 @@
+// Fails every allocation of an operation in turn and checks what is promised
+// to survive. Each scenario runs with k = 1, 2, 3, ... until a run completes
+// with no injected failure, once with only the k-th allocation failing and
+// once with every allocation from the k-th on failing. After each run the
+// injector is off again, the surviving state is checked, the objects are
+// used once more, and everything is released: no data source, message
+// block, ordinary block or file descriptor may be left over.
+#include <atomic>
+#include <cctype>
+#include <chrono>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ServerDataManager.h"
+#include "support/bootstrap_fields.h"
+#include "support/failing_new.h"
+#include "support/scratchdir.h"
+#include "support/tracked_source.h"
+
+namespace {
+
+using failing_new::Mode;
+
+char const* ModeName(Mode mode) { return mode == Mode::kTransient ? "transient" : "persistent"; }
+
+// One operation driven through every injection point. Prepare builds a fresh
+// state with the injector off, Act runs armed, the checks and Finish run
+// disarmed.
+class Scenario {
+ public:
+  virtual ~Scenario() = default;
+  virtual void Prepare() = 0;
+  virtual void Act() = 0;
+  // Act threw std::bad_alloc: what the operation promises survives.
+  virtual void CheckFailed() = 0;
+  // Act returned, possibly with a failure absorbed on the way.
+  virtual void CheckSucceeded() = 0;
+  // Either way, the objects involved still work.
+  virtual void CheckStillWorks() = 0;
+  // Releases everything Prepare built.
+  virtual void Finish() = 0;
+};
+
+struct RunResult {
+  long counted = 0;
+  long failed = 0;
+  bool threw = false;
+};
+
+typedef std::function<std::unique_ptr<Scenario>()> ScenarioFactory;
+
+// One run with the k-th allocation failing (k = 0: none), on a scenario of
+// its own. Everything that the run made must be gone by its end.
+RunResult RunOnce(ScenarioFactory const& make, long k, Mode mode) {
+  long const sources = TrackedSource::Live();
+  long const messageBlocks = VUGlobal::LiveBlocks();
+  long const blocks = failing_new::LiveBlocks();
+  int const descriptors = CountOpenDescriptors();
+
+  RunResult result;
+  {
+    std::unique_ptr<Scenario> scenario = make();
+    scenario->Prepare();
+    failing_new::Arm(k, mode);
+    try {
+      scenario->Act();
+    } catch (std::bad_alloc const&) {
+      result.threw = true;
+    }
+    failing_new::Disarm();
+    result.counted = failing_new::Counted();
+    result.failed = failing_new::Failed();
+
+    if (result.threw) {
+      EXPECT_GT(result.failed, 0) << "std::bad_alloc with no injected failure";
+      scenario->CheckFailed();
+    } else {
+      scenario->CheckSucceeded();
+    }
+    scenario->CheckStillWorks();
+    scenario->Finish();
+  }
+
+  EXPECT_EQ(TrackedSource::Live(), sources) << "data sources left over";
+  EXPECT_EQ(TrackedSource::DoubleDestroyed(), 0) << "a data source was destroyed twice";
+  EXPECT_EQ(VUGlobal::LiveBlocks(), messageBlocks) << "message blocks left over";
+  EXPECT_EQ(CountOpenDescriptors(), descriptors) << "file descriptors left open";
+  // Last, and only while all is well: a failed expectation keeps its text.
+  if (!::testing::Test::HasFailure()) {
+    EXPECT_EQ(failing_new::LiveBlocks(), blocks) << "ordinary blocks left over";
+  }
+  return result;
+}
+
+struct SweepFigures {
+  long points = 0;     // allocations of a run that fails nothing
+  long threw = 0;      // runs that ended in std::bad_alloc
+  long absorbed = 0;   // runs whose failure did not reach the caller
+};
+
+// Runs the scenario for k = 1, 2, ... until a run makes no allocation fail,
+// after a first run that fails nothing (which also builds whatever the
+// libraries make once per process, so that it does not count as a leak).
+SweepFigures Sweep(std::string const& name, ScenarioFactory const& make, Mode mode) {
+  constexpr long kMostPoints = 20000;
+  SweepFigures figures;
+  RunResult reference = RunOnce(make, 0, mode);
+  EXPECT_FALSE(reference.threw) << name << ": fails with nothing injected";
+  if (::testing::Test::HasFailure()) return figures;
+
+  for (long k = 1; k <= kMostPoints; ++k) {
+    SCOPED_TRACE(name + " " + ModeName(mode) + ", allocation " + std::to_string(k) + " failing");
+    RunResult run = RunOnce(make, k, mode);
+    if (::testing::Test::HasFailure()) return figures;
+    if (run.failed == 0) {
+      figures.points = run.counted;
+      EXPECT_EQ(run.counted, reference.counted) << "allocations differ from the reference run";
+      std::printf("[ injection ] %-34s %-10s %4ld points, %4ld runs threw, %4ld absorbed\n",
+                  name.c_str(), ModeName(mode), figures.points, figures.threw, figures.absorbed);
+      std::fflush(stdout);
+      return figures;
+    }
+    if (run.threw) {
+      ++figures.threw;
+    } else {
+      ++figures.absorbed;
+    }
+  }
+  ADD_FAILURE() << name << ": more than " << kMostPoints << " allocations";
+  return figures;
+}
+
+template <typename S, typename... Args>
+void SweepBothModes(std::string const& name, Args... args) {
+  ScenarioFactory make = [=] { return std::unique_ptr<Scenario>(new S(args...)); };
+  SweepFigures transient = Sweep(name, make, Mode::kTransient);
+  SweepFigures persistent = Sweep(name, make, Mode::kPersistent);
+  if (!::testing::Test::HasFailure()) {
+    EXPECT_EQ(transient.points, persistent.points);
+  }
+}
+
+// The registry lock is recursive, so a lock left held by this thread would
+// not stop this thread: ask from another one, with a bound.
+void ExpectRegistryFreeForOtherThreads(ServerDataManager& registry, LocallyUniqueID id) {
+  std::atomic<int> state{0};  // 0 waiting, 1 found, 2 threw 2001
+  std::thread other([&] {
+    try {
+      (void)registry.GetDataSet(id);
+      state = 1;
+    } catch (ErrorMsg const& error) {
+      state = error.GetCode() == 2001 ? 2 : 3;
+    }
+  });
+  for (int waited = 0; state == 0 && waited < 10000; ++waited) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (state == 0) {
+    std::fprintf(stderr, "the registry lock was left held after an exception\n");
+    std::abort();
+  }
+  other.join();
+  EXPECT_NE(state.load(), 3);
+}
+
+// Records registry notices the way a server's observer might, allocating as
+// it goes, and notes on entry and on return which dataset each call was
+// about, so that a check knows whether a failure came from inside it.
+class NoticeLog : public ServerDataManagerObserver {
+ public:
+  static constexpr uint32_t kNobody = LocallyUniqueID::kNone;
+
+  void DataSetCreated(LocallyUniqueID const& id, std::string const& fileName) override {
+    createdEntered = id.ToWord();
+    created.push_back(std::to_string(id.ToWord()) + " " + fileName);
+    createdReturned = id.ToWord();
+  }
+  void DataSetDeleted(LocallyUniqueID const& id) override {
+    deletedEntered = id.ToWord();
+    deleted.push_back(std::to_string(id.ToWord()));
+    deletedReturned = id.ToWord();
+  }
+  void Reset() {
+    created.clear();
+    deleted.clear();
+    createdEntered = createdReturned = deletedEntered = deletedReturned = kNobody;
+  }
+  bool ThrewInCreated(LocallyUniqueID id) const {
+    return createdEntered == id.ToWord() && createdReturned != id.ToWord();
+  }
+  bool ThrewInDeleted(LocallyUniqueID id) const {
+    return deletedEntered == id.ToWord() && deletedReturned != id.ToWord();
+  }
+
+  std::vector<std::string> created;
+  std::vector<std::string> deleted;
+  uint32_t createdEntered = kNobody;
+  uint32_t createdReturned = kNobody;
+  uint32_t deletedEntered = kNobody;
+  uint32_t deletedReturned = kNobody;
+};
+
+// A registry with three datasets before each run: one holding a data file,
+// one silent, one empty. Identifiers 0, 16 and 32, so the counter stands at 3.
+class RegistryScenario : public Scenario {
+ public:
+  RegistryScenario() : heldFile(dir.Write("held-data-file-of-the-first-dataset.csv", "a,b\n1,2\n")) {}
+
+  void Prepare() override {
+    registry.reset(new ServerDataManager);
+    log.Reset();
+    registry->Register(log);
+    existing = {registry->Add(*TrackedSource::Chain(2), heldFile, false),
+                registry->Add(*TrackedSource::Chain(1), "", true), registry->AddEmpty(false)};
+    existingItems.clear();
+    for (LocallyUniqueID id : existing) existingItems.push_back(registry->GetDataSet(id).get());
+    log.Reset();
+  }
+
+  void Finish() override {
+    registry->Clear();
+    registry.reset();
+    // The notices are checked by now; what they hold would count as a leak.
+    log.Reset();
+  }
+
+ protected:
+  // Dataset i of Prepare is still the same item under its identifier.
+  void ExpectExisting(std::size_t i) {
+    SvrDMItemPtr item = registry->GetDataSet(existing[i]);
+    EXPECT_EQ(item.get(), existingItems[i]) << "dataset " << i << " was replaced";
+  }
+  void ExpectAbsent(LocallyUniqueID id) {
+    try {
+      (void)registry->GetDataSet(id);
+      ADD_FAILURE() << "dataset " << id.ToWord() << " is in the table";
+    } catch (ErrorMsg const& error) {
+      EXPECT_EQ(error.GetCode(), 2001u);
+    }
+  }
+  // The next generated identifier has serial `serial`, and a dataset added
+  // now can be found, used and removed again.
+  void ExpectRegistryWorks(uint32_t serial) {
+    TrackedSource* source = TrackedSource::Chain(2);
+    LocallyUniqueID id = registry->Add(*source, "", false);
+    EXPECT_EQ(id, LocallyUniqueID(0, serial)) << "the identifier counter moved wrongly";
+    SvrDMItemPtr item = registry->GetDataSet(id);
+    EXPECT_EQ(item->dataSource, source);
+    EXPECT_TRUE(item->createNotified);
+    item = nullptr;
+    ExpectRegistryFreeForOtherThreads(*registry, id);
+    registry->Delete(id);
+    ExpectAbsent(id);
+  }
+
+  ScratchDir dir;
+  std::string heldFile;
+  std::unique_ptr<ServerDataManager> registry;
+  NoticeLog log;
+  std::vector<LocallyUniqueID> existing;
+  std::vector<SvrDMItem*> existingItems;
+};
+
+// ---------------------------------------------------------------------------
+// The four ways of adding a dataset.
+
+enum class Way { kAdd, kAddWithPassword, kAddWithIdentifier, kAddEmpty };
+
+class AddScenario : public RegistryScenario {
+ public:
+  explicit AddScenario(Way way)
+      : way_(way), unheldFile_(dir.Write("a-second-data-file-with-a-long-name.csv", "x\n1\n")) {}
+
+  void Prepare() override {
+    RegistryScenario::Prepare();
+    returned_ = LocallyUniqueID();
+    sourcesBefore_ = TrackedSource::Live();
+    source_ = way_ == Way::kAddEmpty ? nullptr : TrackedSource::Chain(3, 2, 100);
+    switch (way_) {
+      case Way::kAdd:
+        // A file nobody holds yet: the new item opens it.
+        file_ = unheldFile_;
+        break;
+      case Way::kAddWithPassword: {
+        // The first dataset's file in other case: the new item keeps the
+        // name aside and holds nothing.
+        file_ = heldFile;
+        std::size_t slash = file_.rfind('/');
+        for (std::size_t i = slash + 1; i < file_.size(); ++i) file_[i] = static_cast<char>(toupper(file_[i]));
+        break;
+      }
+      case Way::kAddWithIdentifier:
+        // Replaces the first dataset and takes over its file.
+        file_ = heldFile;
+        break;
+      case Way::kAddEmpty:
+        file_.clear();
+        break;
+    }
+    target_ = way_ == Way::kAddWithIdentifier ? existing[0] : LocallyUniqueID(0, 3);
+  }
+
+  // No expectation here: the checks allocate, and run with the injector off.
+  void Act() override {
+    switch (way_) {
+      case Way::kAdd:
+        returned_ = registry->Add(*source_, file_, false);
+        break;
+      case Way::kAddWithPassword:
+        returned_ = registry->Add(*source_, file_, password_, true, false);
+        break;
+      case Way::kAddWithIdentifier:
+        registry->Add(*source_, file_, false, target_, 7);
+        returned_ = target_;
+        break;
+      case Way::kAddEmpty:
+        returned_ = registry->AddEmpty(false);
+        break;
+    }
+  }
+
+  void CheckSucceeded() override {
+    EXPECT_EQ(returned_, target_);
+    SvrDMItemPtr item = registry->GetDataSet(target_);
+    ExpectNewItem(*item);
+    EXPECT_EQ(item->createNotified, source_ != nullptr);
+    if (source_ != nullptr) {
+      EXPECT_EQ(log.createdReturned, target_.ToWord());
+    }
+    ExpectOthersUntouched();
+  }
+
+  void CheckFailed() override {
+    ExpectOthersUntouched();
+    if (way_ == Way::kAddWithIdentifier && log.ThrewInDeleted(target_)) {
+      // From the old dataset's deletion notice: its entry stays, and the new
+      // source, never made into an item, is gone.
+      ExpectExisting(0);
+      EXPECT_EQ(TrackedSource::Live(), sourcesBefore_) << "the handed source was kept or leaked";
+      return;
+    }
+    if (way_ == Way::kAddWithIdentifier) {
+      EXPECT_EQ(log.deletedReturned, target_.ToWord()) << "the old dataset was not announced gone";
+    }
+    if (log.ThrewInCreated(target_)) {
+      // From the creation notice: the new entry is in the table already.
+      SvrDMItemPtr item = registry->GetDataSet(target_);
+      ExpectNewItem(*item);
+      EXPECT_TRUE(item->createNotified);
+      return;
+    }
+    // Before the entry: the table is as before but for a replaced dataset,
+    // and the handed chain has gone with the failure.
+    ExpectAbsent(target_);
+    EXPECT_TRUE(log.created.empty());
+    long const replacedSources = way_ == Way::kAddWithIdentifier ? 2 : 0;
+    EXPECT_EQ(TrackedSource::Live(), sourcesBefore_ - replacedSources)
+        << "the handed source was kept or leaked";
+  }
+
+  void CheckStillWorks() override {
+    // A generated identifier is used up by a failed add too; the form with
+    // an identifier never touches the counter.
+    ExpectRegistryWorks(way_ == Way::kAddWithIdentifier ? 3 : 4);
+    // Whatever dataset now stands under the target identifier is whole.
+    try {
+      SvrDMItemPtr item = registry->GetDataSet(target_);
+      if (!item->fileName.empty()) {
+        EXPECT_NE(item->lockedFile, nullptr) << "a dataset with a file does not hold it";
+      }
+    } catch (ErrorMsg const& error) {
+      EXPECT_EQ(error.GetCode(), 2001u);
+    }
+  }
+
+ private:
+  void ExpectNewItem(SvrDMItem& item) {
+    EXPECT_EQ(item.dataSource, source_);
+    EXPECT_TRUE(item.announce);
+    switch (way_) {
+      case Way::kAdd:
+        EXPECT_EQ(item.fileName, file_);
+        EXPECT_NE(item.lockedFile, nullptr);
+        break;
+      case Way::kAddWithPassword:
+        EXPECT_EQ(item.fileName, "");
+        EXPECT_EQ(item.sharedFileName, file_);
+        EXPECT_EQ(item.password, password_);
+        EXPECT_TRUE(item.passwordMangled);
+        EXPECT_EQ(item.lockedFile, nullptr);
+        break;
+      case Way::kAddWithIdentifier:
+        EXPECT_EQ(item.caseSequence, 7u);
+        EXPECT_EQ(item.fileName, file_);
+        EXPECT_NE(item.lockedFile, nullptr);
+        break;
+      case Way::kAddEmpty:
+        EXPECT_EQ(item.fileName, "");
+        break;
+    }
+  }
+
+  void ExpectOthersUntouched() {
+    for (std::size_t i = way_ == Way::kAddWithIdentifier ? 1 : 0; i < existing.size(); ++i) {
+      ExpectExisting(i);
+    }
+    // The first dataset keeps its file unless it was the one replaced.
+    if (way_ != Way::kAddWithIdentifier) {
+      EXPECT_NE(registry->GetDataSet(existing[0])->lockedFile, nullptr);
+    }
+  }
+
+  Way way_;
+  std::string const unheldFile_;
+  // Made before Act, so that the allocations counted are those of Add.
+  std::string const password_ = "a password longer than the buffer";
+  TrackedSource* source_ = nullptr;
+  LocallyUniqueID returned_;
+  long sourcesBefore_ = 0;
+  std::string file_;
+  LocallyUniqueID target_;
+};
+
+// ---------------------------------------------------------------------------
+// Finding a dataset.
+
+class GetDataSetScenario : public RegistryScenario {
+ public:
+  void Prepare() override {
+    RegistryScenario::Prepare();
+    registry->GetDataSet(existing[1])->handle = "a handle long enough to leave the buffer";
+    byId_ = byHandle_ = missingHandle_ = nullptr;
+    missingCode_ = 0;
+  }
+
+  void Act() override {
+    byId_ = registry->GetDataSet(existing[1]);
+    byHandle_ = registry->GetDataSet(handleInOtherCase_);
+    missingHandle_ = registry->GetDataSet(missingHandleText_);
+    try {
+      (void)registry->GetDataSet(LocallyUniqueID(0, 999));
+    } catch (ErrorMsg const& error) {
+      missingCode_ = error.GetCode();
+    }
+  }
+
+  void CheckSucceeded() override {
+    EXPECT_EQ(byId_.get(), existingItems[1]);
+    EXPECT_EQ(byHandle_.get(), existingItems[1]);
+    EXPECT_FALSE(missingHandle_.IsValid());
+    EXPECT_EQ(missingCode_, 2001u);
+  }
+
+  void CheckFailed() override {
+    for (std::size_t i = 0; i < existing.size(); ++i) ExpectExisting(i);
+  }
+
+  void CheckStillWorks() override {
+    EXPECT_EQ(registry->GetDataSet(std::string("a handle LONG enough to leave the buffer")).get(),
+              existingItems[1]);
+    ExpectRegistryWorks(3);
+  }
+
+  void Finish() override {
+    // Dropped before the table goes: a reference taken and not given back
+    // would keep the item, and its sources, alive past Finish.
+    byId_ = byHandle_ = missingHandle_ = nullptr;
+    RegistryScenario::Finish();
+  }
+
+ private:
+  // Made before Act, so that the allocations counted are the lookups' own.
+  std::string const handleInOtherCase_ = "A HANDLE long enough to leave the buffer";
+  std::string const missingHandleText_ = "no dataset has this handle, long or not";
+  SvrDMItemPtr byId_;
+  SvrDMItemPtr byHandle_;
+  SvrDMItemPtr missingHandle_;
+  unsigned int missingCode_ = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Reporting an error to a client that keeps a copy of every message.
+
+class KeepingProxy : public PackageProxy {
+ public:
+  void SendToClient(int32_t number, VSerializable& message) override {
+    // Room first, then the clone, then the keeping, which cannot fail: a
+    // failure anywhere leaves the proxy as it was.
+    kept.reserve(kept.size() + 1);
+    numbers.reserve(numbers.size() + 1);
+    std::unique_ptr<VSerializable> copy(message.Clone());
+    kept.push_back(std::move(copy));
+    numbers.push_back(number);
+  }
+  std::vector<std::unique_ptr<VSerializable>> kept;
+  std::vector<int32_t> numbers;
+};
+
+class ReportScenario : public RegistryScenario {
+ public:
+  void Prepare() override {
+    RegistryScenario::Prepare();
+    proxy_.reset(new KeepingProxy);
+    item_ = registry->GetDataSet(existing[0]);
+    item_->InitializeErrorMonitor(proxy_.get());
+    blocksBefore_ = VUGlobal::LiveBlocks();
+  }
+
+  void Act() override {
+    item_->GetErrorMonitor()->Report(ErrorText{"a warning text longer than any small buffer", 2, 42});
+  }
+
+  void CheckSucceeded() override {
+    ASSERT_EQ(proxy_->kept.size(), 1u);
+    ExpectMessage(0, "a warning text longer than any small buffer", 2);
+  }
+
+  void CheckFailed() override {
+    InteractiveErrorMonitor* monitor = item_->GetErrorMonitor();
+    EXPECT_EQ(monitor->GetProxy(), proxy_.get());
+    EXPECT_EQ(monitor->GetDataSetID(), existing[0]);
+    EXPECT_TRUE(monitor->GetReportWarnings());
+    EXPECT_TRUE(proxy_->kept.empty());
+    EXPECT_EQ(VUGlobal::LiveBlocks(), blocksBefore_) << "a message block was lost";
+  }
+
+  void CheckStillWorks() override {
+    std::size_t before = proxy_->kept.size();
+    item_->GetErrorMonitor()->Report(ErrorText{"an error once memory is back", 1, 7});
+    ASSERT_EQ(proxy_->kept.size(), before + 1);
+    ExpectMessage(before, "an error once memory is back", 1);
+    EXPECT_EQ(VUGlobal::LiveBlocks(), blocksBefore_ + static_cast<long>(proxy_->kept.size()));
+    ExpectRegistryWorks(3);
+  }
+
+  void Finish() override {
+    proxy_.reset();
+    item_ = nullptr;
+    RegistryScenario::Finish();
+  }
+
+ private:
+  void ExpectMessage(std::size_t i, std::string const& text, uint8_t severity) {
+    auto* message = dynamic_cast<ReportedErrorMsg*>(proxy_->kept[i].get());
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(proxy_->numbers[i], 1000);
+    EXPECT_EQ(message->GetText(), text);
+    EXPECT_EQ(message->GetSeverity(), severity);
+    EXPECT_EQ(message->GetDataSetID(), existing[0]);
+  }
+
+  std::unique_ptr<KeepingProxy> proxy_;
+  SvrDMItemPtr item_;
+  long blocksBefore_ = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Reading a bootstrap form into a record that holds something in every field.
+
+using bootstrap_fields::FieldsInStreamOrder;
+
+class DeserializeScenario : public Scenario {
+ public:
+  void Prepare() override {
+    held_ = SvrBootstrapSpecs();
+    held_.SetSamplingMethod(SvrBootstrapSpecs::Stratified);
+    held_.SetStrataVarList({1, 2});
+    held_.SetDependVarList({3});
+    held_.SetInputVarList({4});
+    held_.SetPredictedVarList({5});
+    held_.SetResidualVarList({6});
+    held_.SetCILevelPct(90.0);
+    held_.SetCIType(SvrBootstrapSpecs::BCA);
+    held_.SetNSamples(50);
+    held_.SetExcludeUserMiss(false);
+    before_ = FieldsInStreamOrder(held_);
+
+    // The form to read: a different value in every field.
+    SvrBootstrapSpecs rich;
+    rich.SetSamplingMethod(SvrBootstrapSpecs::Residual);
+    rich.SetStrataVarList({10, 11, 12, 13, 14});
+    rich.SetDependVarList({20, 21, 22, 23, 24, 25});
+    rich.SetInputVarList({30, 31, 32, 33, 34, 35, 36});
+    rich.SetPredictedVarList({40, 41, 42, 43, 44, 45, 46, 47});
+    rich.SetResidualVarList({50, 51, 52, 53, 54, 55, 56, 57, 58});
+    rich.SetCILevelPct(99.5);
+    rich.SetCIType(SvrBootstrapSpecs::Percentile);
+    rich.SetNSamples(2000);
+    rich.SetExcludeUserMiss(true);
+    form_.clear();
+    SvrBootstrapSpecsSerializer::serializeSpecs(rich, form_);
+    // The auxiliary lists have no setters: splice items into the form, in
+    // place of their two empty counts behind the five variable lists. The
+    // splice is little-endian, as the machine's own form must be then.
+    ASSERT_EQ(form_[0], 1) << "the splice below assumes a little-endian machine";
+    std::size_t const auxAt = 10 + 5 * 4 + 4 * (5 + 6 + 7 + 8 + 9);
+    std::string aux;
+    auto put = [&aux](uint64_t value, int width) {
+      for (int i = 0; i < width; ++i) aux.push_back(static_cast<char>(value >> (8 * i)));
+    };
+    put(3, 4), put(7, 4), put(8, 4), put(9, 4);            // index list: 7, 8, 9
+    put(2, 4);                                             // pair list: two pairs
+    put(0x3FF8000000000000ull, 8), put(4, 4);              // (1.5, 4)
+    put(0xC004000000000000ull, 8), put(5, 4);              // (-2.5, 5)
+    form_.replace(auxAt, 8, aux);
+
+    // What a read with nothing failing gives.
+    SvrBootstrapSpecs expected = held_;
+    SvrBootstrapSpecsSerializer::deserializeSpecs(form_, expected);
+    after_ = FieldsInStreamOrder(expected);
+    for (std::size_t i = 0; i < before_.size(); ++i) {
+      ASSERT_NE(before_[i], after_[i]) << "field " << i << " would not show whether it was read";
+    }
+  }
+
+  void Act() override { SvrBootstrapSpecsSerializer::deserializeSpecs(form_, held_); }
+
+  void CheckSucceeded() override { EXPECT_EQ(FieldsInStreamOrder(held_), after_); }
+
+  // The fields read before the failure hold their new values, the others
+  // their old ones: a run of new fields, then only old ones, each field
+  // whole.
+  void CheckFailed() override {
+    std::vector<std::string> now = FieldsInStreamOrder(held_);
+    std::size_t firstOld = 0;
+    while (firstOld < now.size() && now[firstOld] == after_[firstOld]) ++firstOld;
+    EXPECT_LT(firstOld, now.size()) << "every field was read, yet the read failed";
+    for (std::size_t i = firstOld; i < now.size(); ++i) {
+      EXPECT_EQ(now[i], before_[i]) << "field " << i << " after a failure at field " << firstOld;
+    }
+  }
+
+  void CheckStillWorks() override {
+    std::string form;
+    SvrBootstrapSpecsSerializer::serializeSpecs(held_, form);
+    SvrBootstrapSpecs copy;
+    SvrBootstrapSpecsSerializer::deserializeSpecs(form, copy);
+    EXPECT_TRUE(copy.IdenticalTo(held_));
+  }
+
+  void Finish() override { held_ = SvrBootstrapSpecs(); }
+
+ private:
+  SvrBootstrapSpecs held_;
+  std::string form_;
+  std::vector<std::string> before_;
+  std::vector<std::string> after_;
+};
+
+// ---------------------------------------------------------------------------
+
+TEST(AllocationFailure, InjectorFailsTheCountedAllocationOnly) {
+  // The replacement must be the operator new in use, under every sanitizer.
+  failing_new::Arm(2, Mode::kTransient);
+  std::unique_ptr<int> first(new int(1));
+  bool threw = false;
+  try {
+    std::unique_ptr<int> second(new int(2));
+  } catch (std::bad_alloc const&) {
+    threw = true;
+  }
+  std::unique_ptr<int> third(new int(3));
+  failing_new::Disarm();
+  EXPECT_TRUE(threw);
+  EXPECT_EQ(failing_new::Counted(), 3);
+  EXPECT_EQ(failing_new::Failed(), 1);
+
+  // Message blocks are counted in the same sequence.
+  failing_new::Arm(1, Mode::kPersistent);
+  threw = false;
+  try {
+    std::unique_ptr<VSerializable> message(ErrorMsg(1, "").Clone());
+  } catch (std::bad_alloc const&) {
+    threw = true;
+  }
+  failing_new::Disarm();
+  EXPECT_TRUE(threw);
+  EXPECT_EQ(failing_new::Failed(), 1);
+}
+
+TEST(AllocationFailure, AddEmpty) {
+  SweepBothModes<AddScenario>("AddEmpty", Way::kAddEmpty);
+}
+
+TEST(AllocationFailure, AddWithGeneratedIdentifier) {
+  SweepBothModes<AddScenario>("Add", Way::kAdd);
+}
+
+TEST(AllocationFailure, AddWithPasswordOfAFileAlreadyHeld) {
+  SweepBothModes<AddScenario>("Add with password", Way::kAddWithPassword);
+}
+
+TEST(AllocationFailure, AddWithIdentifierReplacingADataset) {
+  SweepBothModes<AddScenario>("Add with identifier", Way::kAddWithIdentifier);
+}
+
+TEST(AllocationFailure, GetDataSet) {
+  SweepBothModes<GetDataSetScenario>("GetDataSet");
+}
+
+TEST(AllocationFailure, ReportThroughAProxyThatKeepsCopies) {
+  SweepBothModes<ReportScenario>("Report with a proxy");
+}
+
+TEST(AllocationFailure, DeserializeSpecsIntoAFullRecord) {
+  SweepBothModes<DeserializeScenario>("deserializeSpecs");
+}
+
+}  // namespace
