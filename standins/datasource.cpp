@@ -193,15 +193,9 @@ void QUOR_DataSource::DeleteVariables(int first, int last) {
   CheckPosition(last, count, "DeleteVariables");
   auto begin = dict_.variables.begin() + first;
   auto end = dict_.variables.begin() + last + 1;
-  // Weight, filter and split go with their variable, so the remaining
-  // identifiers never name a variable that is gone.
-  for (auto it = begin; it != end; ++it) {
-    LocallyUniqueID const id = it->GetID();
-    if (dict_.weightID == id) dict_.weightID = LocallyUniqueID();
-    if (dict_.filterID == id) dict_.filterID = LocallyUniqueID();
-    dict_.splitIDs.erase(std::remove(dict_.splitIDs.begin(), dict_.splitIDs.end(), id),
-                         dict_.splitIDs.end());
-  }
+  // Weight, filter and split stay recorded by identifier and read as absent
+  // while their variable is gone (see the readers below). A variable that
+  // is taken out and put back, as a move does, keeps its role.
   dict_.variables.erase(begin, end);
 }
 

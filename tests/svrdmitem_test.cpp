@@ -40,7 +40,7 @@ TEST(SvrDMItemTest, NewItemStartsWithTheDocumentedState) {
   EXPECT_EQ(item->lockedFileTime, 0);
   EXPECT_EQ(item->bootstrapSpecs, nullptr);
   EXPECT_TRUE(item->errorMonitor.GetDataSetID().IsNone());
-  EXPECT_EQ(item->observerView.Item(), item.get());
+  EXPECT_EQ(item->observerView.RowCountSeen(), -2);
   // The creation stamp is today's date, far past the 1975 fallback.
   EXPECT_GT(item->objCreationTime, 1.6e9);
 }

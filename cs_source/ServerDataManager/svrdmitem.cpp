@@ -18,7 +18,7 @@ SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataMana
       errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(id),
       caseSequence(sequence),
-      observerView(this),
+      observerView(*this),
       writersCount(0),
       readersCount(0),
       originator(0),
@@ -43,7 +43,7 @@ SvrDMItem::SvrDMItem()
       errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(),
       caseSequence(0),
-      observerView(this),
+      observerView(*this),
       writersCount(0),
       readersCount(0),
       originator(0),
@@ -61,12 +61,9 @@ SvrDMItem::SvrDMItem()
 SvrDMItem::SvrDMItem(SvrDMItem const& other) : SvrDMItem() {
   announce = other.announce;
   // Reached only when a RefCountPtr tries to copy an item, which no path of
-  // the server does: an item is one dataset and cannot be duplicated. The
-  // check must survive NDEBUG builds, so it is spelled out rather than left
-  // to assert().
-  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", "cs_source/ServerDataManager/svrdmitem",
-               __LINE__, "SvrDMItem::SvrDMItem(const SvrDMItem&)", "0");
-  std::abort();
+  // the server does: an item is one dataset and cannot be duplicated.
+  SvrDMAssertionFailed("0", "cs_source/ServerDataManager/svrdmitem", __LINE__,
+                       "SvrDMItem::SvrDMItem(const SvrDMItem&)");
 }
 
 SvrDMItem::~SvrDMItem() {
@@ -91,6 +88,15 @@ int SvrDMItem::quorTimestampNow(double* out) {
   if (local == nullptr) return iDMY2Quor(1, 2, 1975, 12, 0, 0.0, out);
   return iDMY2Quor(local->tm_mday, local->tm_mon + 1, local->tm_year + 1900, local->tm_hour,
                    local->tm_min, static_cast<double>(local->tm_sec), out);
+}
+
+void SvrDMItem::AddNotification(DataSetMsg* message) {
+  try {
+    notifications.push_back(message);
+  } catch (...) {
+    delete message;
+    throw;
+  }
 }
 
 void SvrDMItem::ClearNotifications() {
@@ -172,6 +178,11 @@ bool SvrDMItem::PasswordMangled() const {
     return fileSource->GetPasswordMangled();
   }
   return passwordMangled;
+}
+
+void SvrDMAssertionFailed(char const* expression, char const* file, int line, char const* function) {
+  std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);
+  std::abort();
 }
 
 void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {

@@ -70,6 +70,9 @@ class SvrDMItem : public QUOR_RefCntObject {
   // item's own passwordMangled.
   bool PasswordMangled() const;
 
+  // Appends `message` to the queue, which owns it from here on, also when
+  // the queue cannot grow: then the message is deleted and bad_alloc passes.
+  void AddNotification(DataSetMsg* message);
   // Deletes every queued message, undelivered.
   void ClearNotifications();
   // Deletes the whole chain of data sources, head first, each parent read
@@ -142,5 +145,11 @@ class SvrDMItem : public QUOR_RefCntObject {
 };
 
 typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
+
+// Reports a broken internal invariant in the usual assertion form and stops
+// the process. Unlike assert() it stays in release builds: what it guards
+// cannot be reached by input, only by a broken library underneath.
+[[noreturn]] void SvrDMAssertionFailed(char const* expression, char const* file, int line,
+                                       char const* function);
 
 #endif  // SDM_SVRDMITEM_H
