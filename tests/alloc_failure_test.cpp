@@ -5,11 +5,13 @@
 // injector is off again, the surviving state is checked, the objects are
 // used once more, and everything is released: no data source, message
 // block, ordinary block or file descriptor may be left over.
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <memory>
 #include <new>
 #include <string>
@@ -23,6 +25,7 @@
 #include "support/failing_new.h"
 #include "support/scratchdir.h"
 #include "support/tracked_source.h"
+#include "support/watcher_model.h"
 
 namespace {
 
@@ -655,6 +658,197 @@ class DeserializeScenario : public Scenario {
 };
 
 // ---------------------------------------------------------------------------
+// Reconciling a dictionary that differs from the snapshot in every way.
+
+// Messages of a queue by class, extensions also by type.
+std::map<std::string, int> CountByKind(std::vector<DataSetMsg*> const& queue) {
+  std::map<std::string, int> counts;
+  for (DataSetMsg const* message : queue) {
+    std::string kind = message->GetClassName();
+    if (auto const* extension = dynamic_cast<ExtensionsMsg const*>(message)) {
+      kind += " " + std::to_string(extension->GetExtension()->GetType());
+    }
+    ++counts[kind];
+  }
+  return counts;
+}
+
+// The lines of a queue but for the client reset, which a failed Update may
+// leave pending and the next one then sends whatever the row count.
+std::vector<std::string> DescribeWithoutReset(std::vector<DataSetMsg*> const& queue) {
+  std::vector<std::string> lines = DescribeQueue(queue);
+  lines.erase(std::remove_if(lines.begin(), lines.end(),
+                             [](std::string const& line) { return line.rfind("ResetClient", 0) == 0; }),
+              lines.end());
+  return lines;
+}
+
+// Eight variables, serials 1 to 8, three rows, over a file source: only a
+// chain that rests on a data file announces its file spec.
+TrackedSource* StartingSource() {
+  TrackedSource* source = new TrackedSource(8, 1);
+  source->SetParentSource(new SystemFileDataSource());
+  source->rows = 3;
+  return source;
+}
+
+// A difference of every kind the reconciliation knows. The new file spec
+// names a real file, which the item then holds.
+void EditEveryWay(TrackedSource& source, std::string const& fileSpec) {
+  source.DeleteVariables(1, 1);                                            // deleted
+  source.InsertVariable(0, QUOR_Variable(LocallyUniqueID(0, 20), "fresh")); // inserted
+  QUOR_Variable moved = source.GetVariable(5);                              // moved
+  source.DeleteVariables(5, 5);
+  source.InsertVariable(2, moved);
+  source.GetVariable(3).SetName("renamed");                                 // modified
+  source.GetVariable(4).SetType(8);                                         // type: clients reset
+  source.GetVariable(6).SetLabel("a variable label");
+  source.SetWeightVar(0);
+  source.SetFilterVar(2);
+  int const split[] = {1, 3};
+  source.SetSplit(2, split, true);
+  source.SetLabel("a dataset label");
+  source.SetFileSpec(fileSpec.c_str());
+  source.RowsPerImputation(2);
+  source.GetTrendsInfo()->SetText("trends text");
+  VariableSetImpl set;
+  set.name = "a set";
+  set.members = {source.GetVariable(0).GetID(), source.GetVariable(2).GetID()};
+  source.SetMRSets({set});
+  source.SetVariableSets({set, set});
+  DatasourceAttributes attributes;
+  attributes.Set("key", "value");
+  source.SetAttributes(attributes);
+  source.SetExtension(QUOR_DataSource::Extension(0, "extension payload"));
+  source.SetDirty(true);
+  source.rows = 5;
+}
+
+class UpdateScenario : public RegistryScenario {
+ public:
+  explicit UpdateScenario(bool bulk)
+      : bulk_(bulk), fileSpec_(dir.Write("the-file-the-live-source-now-names.csv", "a\n1\n")) {}
+
+  void Prepare() override {
+    RegistryScenario::Prepare();
+    source_ = StartingSource();
+    item_ = registry->GetDataSet(registry->Add(*source_, "", true));
+    // The watcher has heard everything up to the edits.
+    item_->observerView.Update();
+    std::string error;
+    ASSERT_TRUE(model_.Apply(item_->notifications, &error)) << error;
+    item_->ClearNotifications();
+    EditEveryWay(*source_, fileSpec_);
+    if (bulk_) item_->observerView.BulkVarMoves(true);
+
+    // What the same edits give with nothing failing, on an item of its own.
+    TrackedSource* twinSource = StartingSource();
+    SvrDMItemPtr twin(new SvrDMItem(LocallyUniqueID(0, 99), twinSource, nullptr, 0, "", true));
+    twin->observerView.Update();
+    twin->ClearNotifications();
+    EditEveryWay(*twinSource, fileSpec_);
+    if (bulk_) twin->observerView.BulkVarMoves(true);
+    twin->observerView.Update();
+    reference_ = CountByKind(twin->notifications);
+    referenceLines_ = DescribeWithoutReset(twin->notifications).size();
+    ASSERT_GE(reference_.size(), bulk_ ? 14u : 16u) << "the edits miss some kinds of difference";
+  }
+
+  void Act() override { item_->observerView.Update(); }
+
+  void CheckSucceeded() override {
+    std::string error;
+    EXPECT_TRUE(model_.Apply(item_->notifications, &error)) << error;
+    EXPECT_TRUE(model_.Matches(*source_, &error)) << error;
+    EXPECT_EQ(CountByKind(item_->notifications), reference_);
+    ExpectQuietUpdate();
+  }
+
+  // The messages queued before the failure stay, and are sound for a
+  // watcher that heard everything before. The snapshot keeps the changes
+  // made before the failure: the next Update queues exactly what a
+  // reconciliation from that snapshot to the live dictionary queues, and
+  // after it the two agree.
+  //
+  // Within one step the message is queued before the snapshot changes, so a
+  // failure between the two leaves a message whose change the snapshot does
+  // not have yet, and the next Update announces it again. That is the order
+  // the reconciliation keeps; what is checked here is that nothing is lost
+  // and nothing beyond what is still different is queued.
+  void CheckFailed() override {
+    std::string error;
+    EXPECT_TRUE(model_.Apply(item_->notifications, &error)) << "queued before the failure: " << error;
+    std::size_t const kept = DescribeWithoutReset(item_->notifications).size();
+    item_->ClearNotifications();
+
+    std::vector<std::vector<std::string>> stillDifferent = {FromSnapshot(false)};
+    if (bulk_) stillDifferent.push_back(FromSnapshot(true));
+    item_->observerView.Update();
+    std::vector<std::string> next = DescribeWithoutReset(item_->notifications);
+    EXPECT_NE(std::find(stillDifferent.begin(), stillDifferent.end(), next), stillDifferent.end())
+        << "the next Update queued " << ::testing::PrintToString(next) << ", still different was "
+        << ::testing::PrintToString(stillDifferent[0]);
+    // Kept, not rolled back: together the two Updates announce no more than
+    // one Update with nothing failing, but for the one step that failed.
+    EXPECT_LE(kept + next.size(), referenceLines_ + 1)
+        << kept << " messages were kept, and the snapshot forgot their changes";
+    ExpectQuietUpdate();
+  }
+
+  void CheckStillWorks() override {
+    // A further write is reconciled as from any snapshot: exactly its own
+    // differences (the watcher model is only trusted after a run without
+    // a failure, which may have announced a change twice).
+    item_->ClearNotifications();
+    source_->SetLabel("one more label");
+    source_->InsertVariable(0, QUOR_Variable(LocallyUniqueID(0, 30), "later"));
+    std::vector<std::string> expected = FromSnapshot(false);
+    item_->observerView.Update();
+    EXPECT_EQ(DescribeWithoutReset(item_->notifications), expected);
+    EXPECT_GE(expected.size(), 2u);
+    ExpectQuietUpdate();
+    ExpectRegistryWorks(4);
+  }
+
+  void Finish() override {
+    item_ = nullptr;
+    RegistryScenario::Finish();
+  }
+
+ private:
+  void ExpectQuietUpdate() {
+    item_->ClearNotifications();
+    item_->observerView.Update();
+    EXPECT_TRUE(item_->notifications.empty()) << "a quiet Update queued " << item_->notifications.size();
+  }
+
+  // What a view equal to this item's snapshot queues against the live
+  // dictionary, on an item of its own, on the bulk path or not.
+  std::vector<std::string> FromSnapshot(bool bulk) {
+    auto* twinLive = new TrackedSource();
+    twinLive->SetParentSource(new SystemFileDataSource());
+    twinLive->CopyDictionary(item_->observerView.Snapshot());
+    twinLive->rows = item_->observerView.RowCountSeen();
+    SvrDMItemPtr twin(new SvrDMItem(LocallyUniqueID(0, 98), twinLive, nullptr, 0, "", true));
+    twin->observerView.Update();
+    twin->ClearNotifications();
+    twinLive->CopyDictionary(*source_);
+    twinLive->rows = source_->rows;
+    if (bulk) twin->observerView.BulkVarMoves(true);
+    twin->observerView.Update();
+    return DescribeWithoutReset(twin->notifications);
+  }
+
+  bool bulk_;
+  std::string const fileSpec_;
+  TrackedSource* source_ = nullptr;
+  SvrDMItemPtr item_;
+  WatcherModel model_;
+  std::map<std::string, int> reference_;
+  std::size_t referenceLines_ = 0;
+};
+
+// ---------------------------------------------------------------------------
 
 TEST(AllocationFailure, InjectorFailsTheCountedAllocationOnly) {
   // The replacement must be the operator new in use, under every sanitizer.
@@ -707,6 +901,14 @@ TEST(AllocationFailure, GetDataSet) {
 
 TEST(AllocationFailure, ReportThroughAProxyThatKeepsCopies) {
   SweepBothModes<ReportScenario>("Report with a proxy");
+}
+
+TEST(AllocationFailure, UpdateFindingADifferenceOfEveryKind) {
+  SweepBothModes<UpdateScenario>("Update, every difference", false);
+}
+
+TEST(AllocationFailure, UpdateReplacingTheVariablesInBulk) {
+  SweepBothModes<UpdateScenario>("Update, bulk variable moves", true);
 }
 
 TEST(AllocationFailure, DeserializeSpecsIntoAFullRecord) {

@@ -44,6 +44,10 @@ class TrackedSource : public QUOR_DataSource {
     return head;
   }
 
+  // The row count the source claims; it has no row data to iterate.
+  long long RowCount() const override { return rows; }
+  long long rows = 0;
+
   static long Live() { return live_.load(); }
   static long Created() { return created_.load(); }
   static long DoubleDestroyed() { return doubleDestroyed_.load(); }
