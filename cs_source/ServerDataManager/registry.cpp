@@ -7,6 +7,7 @@
 
 #include "datasource.h"
 #include "errormonitor.h"
+#include "handles.h"
 
 struct ServerDataManager::Data {
   // A search takes the first match in table order; these are its keys.
@@ -258,4 +259,14 @@ void ServerDataManager::Password(LocallyUniqueID const& id, std::string const& p
   // Held for the call, so the item outlives anything the call might drop.
   SvrDMItemPtr item = *found;
   item->Password(password, mangled);
+}
+
+// --- Handles of all datasets ----------------------------------------------
+
+std::vector<SvrDMDataset> ServerDataManager::GetAllDatasets() const {
+  CriticalSection::Lock lock(data_->registryLock);
+  std::vector<SvrDMDataset> all;
+  all.reserve(data_->items.size());
+  for (SvrDMItemPtr const& item : data_->items) all.emplace_back(item);
+  return all;
 }

@@ -4,12 +4,14 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform.h"
 #include "svrdmitem.h"
 
 class QUOR_DataSource;
 class QUOR_DataSourceFilterHook;
+class SvrDMDataset;
 
 // Implemented by the server: hears datasets come into being and go. Called
 // with the registry's lock held; DataSetCreated may unregister its own
@@ -75,6 +77,10 @@ class ServerDataManager {
   // Makes `hook` the one filter of incoming data sources (null: none) and
   // returns the previous one. Takes no lock: no Add may run meanwhile.
   QUOR_DataSourceFilterHook* RegisterFilter(QUOR_DataSourceFilterHook* hook);
+
+  // One handle per open dataset, in the order of addition. Each holds its
+  // own reference, so the result outlives later deletions.
+  std::vector<SvrDMDataset> GetAllDatasets() const;
 
   struct Data;
 

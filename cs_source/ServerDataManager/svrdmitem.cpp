@@ -8,6 +8,7 @@
 #include "bootstrapspecs.h"
 #include "datasource.h"
 #include "messages.h"
+#include "registry.h"
 
 SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataManager* manager,
                      unsigned int sequence, std::string const& name, bool announceIt)
@@ -116,6 +117,52 @@ void SvrDMItem::DeleteDataSource() {
   }
 }
 
+namespace {
+// Whether walking up from `from` along the parent links reaches `target`.
+// The walk's final null counts as reached.
+bool Reaches(QUOR_DataSource const* from, QUOR_DataSource const* target) {
+  for (QUOR_DataSource const* at = from;; at = at->GetParentSource()) {
+    if (at == target) return true;
+    if (at == nullptr) return false;
+  }
+}
+}  // namespace
+
+void SvrDMItem::SetDataSet(QUOR_DataSource* newSource) {
+  QUOR_DataSource* const old = dataSource;
+  // Delete what the new head no longer reaches. Falling back to an ancestor
+  // (or to nothing) drops the sources below it; a new head whose own chain
+  // leads to the old one keeps all of it; an unrelated head drops it all.
+  QUOR_DataSource* stop = nullptr;
+  bool deleteOld = false;
+  if (newSource != old) {
+    if (old != nullptr && Reaches(old, newSource)) {
+      deleteOld = true;
+      stop = newSource;
+    } else if (!Reaches(newSource, old)) {
+      deleteOld = true;
+    }
+  }
+  if (deleteOld) {
+    for (QUOR_DataSource* current = old; current != stop;) {
+      QUOR_DataSource* parent = current->GetParentSource();
+      delete current;
+      current = parent;
+    }
+  }
+
+  // The file goes before the head changes, and is held again after it: a
+  // replaced source may have reopened or renamed it.
+  if (old != nullptr) UnlockSavFileInUse();
+  dataSource = newSource;
+  if (old != nullptr) AddNotification(new ResetUndoMsg());
+  if (dataSource != nullptr) {
+    LockSavFileInUse();
+  } else {
+    UnlockSavFileInUse();
+  }
+}
+
 void SvrDMItem::SetBootstrapSpecs(SvrBootstrapSpecs* specs) {
   if (specs == bootstrapSpecs) return;
   delete bootstrapSpecs;
@@ -188,3 +235,99 @@ void SvrDMAssertionFailed(char const* expression, char const* file, int line, ch
 void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {
   errorMonitor.InitializeErrorMonitor(dataSetID, proxy);
 }
+
+// --- Access lock ---------------------------------------------------------
+
+namespace {
+// The item whose write lock this thread failed to get and whose matching
+// release has not come yet. The release after a failed try runs in the
+// failing thread right after the try, while the holder may release, and
+// another thread fail, in between; a per-item flag could be overwritten by
+// either. What one thread keeps for itself cannot be.
+thread_local SvrDMItem const* tFailedTry = nullptr;
+}  // namespace
+
+bool SvrDMItem::AcquireReadLock(bool /*tryOnly*/) {
+  // The mutex offers a try for writing only, so a reader always waits.
+  accessMutex.readLock();
+  if (tFailedTry == this) tFailedTry = nullptr;
+  return true;
+}
+
+bool SvrDMItem::AcquireWriteLock(bool tryOnly) {
+  bool held = false;
+  try {
+    if (tryOnly) {
+      held = accessMutex.tryWriteLock();
+    } else {
+      accessMutex.writeLock();
+      held = true;
+    }
+  } catch (...) {
+    // The access object unwinds through ReleaseLock as after a failed try;
+    // that release must not take a lock this thread never got.
+    tFailedTry = this;
+    throw;
+  }
+  if (!held) {
+    tFailedTry = this;
+    writeLockFailed = true;
+    return false;
+  }
+  // A stale mark from a try whose release never came must not swallow the
+  // release of the lock just taken.
+  if (tFailedTry == this) tFailedTry = nullptr;
+  return true;
+}
+
+void SvrDMItem::ReleaseLock() {
+  if (tFailedTry == this) {
+    tFailedTry = nullptr;
+    writeLockFailed = false;
+    return;
+  }
+  accessMutex.unlock();
+}
+
+// --- Notification queue and dataset observers -------------------------------
+
+void SvrDMItem::Register(SvrDMDataSetObserver& observer) {
+  sfGuard guard(observerMutex, sfMutex::kExclusive);
+  dataSetObservers.push_back(&observer);
+}
+
+void SvrDMItem::Unregister(SvrDMDataSetObserver& observer) {
+  sfGuard guard(observerMutex, sfMutex::kExclusive);
+  dataSetObservers.remove(&observer);
+}
+
+void SvrDMItem::Notify(SvrDMWriteableDataSource const* source, SvrDMDataSetObserver* skip) {
+  bool const creationDue = announce && !createNotified;
+  {
+    // The snapshot is only worth its cost when someone will hear of the
+    // differences: the dataset's observers, or the registry's observers of a
+    // creation notice still due.
+    sfGuard guard(observerMutex, sfMutex::kExclusive);
+    if (!dataSetObservers.empty() || creationDue) observerView.Update();
+  }
+  if (notifications.empty()) return;
+
+  // Registry observers hear of the dataset before its own observers hear of
+  // the changes. registryLock is taken inside, with observerMutex free, so
+  // the two item locks never nest with it.
+  if (announce && !createNotified && dataManager != nullptr) dataManager->NotifyCreate(*this);
+
+  {
+    sfGuard guard(observerMutex, sfMutex::kExclusive);
+    for (SvrDMDataSetObserver* observer : dataSetObservers) {
+      if (observer != skip) observer->DataSetChanged(source);
+    }
+  }
+  // Only after every observer has returned: an exception above leaves the
+  // messages queued for the next pass.
+  ClearNotifications();
+}
+
+void SvrDMItem::Originator(unsigned int& value) { originator = value; }
+
+void SvrDMItem::BulkVarMoves(bool on) { observerView.BulkVarMoves(on); }

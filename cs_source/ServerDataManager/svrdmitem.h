@@ -2,6 +2,7 @@
 #ifndef SDM_SVRDMITEM_H
 #define SDM_SVRDMITEM_H
 
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
@@ -19,7 +20,18 @@ class DataSetMsg;
 class QUOR_DataSource;
 class ServerDataManager;
 class SvrBootstrapSpecs;
-class SvrDMDataSetObserver;
+class SvrDMWriteableDataSource;
+
+// Implemented by the server's clients of a dataset: hears, at the end of each
+// write access that queued something, that the dataset changed. Called in the
+// writer's thread under its write lock and the item's observerMutex, so it
+// must neither register nor unregister on the same item, nor ask for access
+// of its own to it; it reads the queue through `source`. Not owned.
+class SvrDMDataSetObserver {
+ public:
+  virtual void DataSetChanged(SvrDMWriteableDataSource const* source) = 0;
+  virtual ~SvrDMDataSetObserver() = default;
+};
 
 // A dataset: identity, names, password, the owned chain of data sources, the
 // access lock, observers and queue, error monitor, snapshot, held file and
@@ -78,6 +90,44 @@ class SvrDMItem : public QUOR_RefCntObject {
   // Deletes the whole chain of data sources, head first, each parent read
   // before its child goes, and leaves `dataSource` null.
   void DeleteDataSource();
+  // Makes `newSource` the head of the chain and takes ownership of it and of
+  // its own parents. Sources of the old chain that the new one no longer
+  // reaches are deleted; the file is let go before the change and held again
+  // after it; a ResetUndoMsg is queued when a source was present. Needs the
+  // write lock.
+  void SetDataSet(QUOR_DataSource* newSource);
+
+  // --- Access lock. Called only by the access objects: one Acquire from
+  // the constructor, one ReleaseLock from the end of the same object, in the
+  // same thread. The lock stays held between the two calls, which the
+  // analysis cannot follow.
+
+  // Waits for the read lock, whatever `tryOnly` says, and returns true.
+  bool AcquireReadLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS;
+  // Waits for the write lock, or with `tryOnly` makes one try and returns
+  // false if the lock is taken.
+  bool AcquireWriteLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS;
+  // Gives back the lock the calling thread holds. The release that follows a
+  // failed try (or an Acquire that threw) in the same thread leaves the lock
+  // alone, so the real holder keeps it.
+  void ReleaseLock() SDM_NO_THREAD_SAFETY_ANALYSIS;
+
+  // --- Notification queue and dataset observers.
+
+  // Appends the observer, even if it stands in the list already.
+  void Register(SvrDMDataSetObserver& observer);
+  // Removes every entry of the observer; an unknown observer is no error.
+  void Unregister(SvrDMDataSetObserver& observer);
+  // AddNotification and ClearNotifications above need the write lock too.
+  //
+  // The pass at the end of a write access: brings the snapshot up to date,
+  // sends a creation notice still due, tells every observer but `skip`, and
+  // empties the queue. Needs the write lock.
+  void Notify(SvrDMWriteableDataSource const* source, SvrDMDataSetObserver* skip);
+  // Stores the value; nothing in the library reads it.
+  void Originator(unsigned int& value);
+  // Makes the next snapshot update replace the variable list wholesale.
+  void BulkVarMoves(bool on);
 
   SvrBootstrapSpecs* GetBootstrapSpecs() const { return bootstrapSpecs; }
   // Takes ownership of `specs` (ordinary allocator) and frees the one held
@@ -121,13 +171,18 @@ class SvrDMItem : public QUOR_RefCntObject {
 
   SvrDMObserverView observerView;
 
-  // Kept by the access objects.
-  int32_t writersCount;
-  int32_t readersCount;
+  // Kept by the access objects, for reporting only. Readers move
+  // readersCount side by side and writers count themselves before they hold
+  // the lock, so both are atomic.
+  std::atomic<int32_t> writersCount;
+  std::atomic<int32_t> readersCount;
 
   uint32_t originator;
   bool announce;
-  bool writeLockFailed;
+  // Set when a try for the write lock fails, cleared by the release that
+  // belongs to it. A hint only: tries may fail on several threads at once,
+  // so ReleaseLock decides on what the failing thread itself remembers.
+  std::atomic<bool> writeLockFailed;
   bool windowFront;
   bool windowMinimized;
   bool windowHidden;
