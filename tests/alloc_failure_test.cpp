@@ -849,6 +849,359 @@ class UpdateScenario : public RegistryScenario {
 };
 
 // ---------------------------------------------------------------------------
+// A write access whose end finds a difference of every kind, with a watcher
+// that keeps a copy of each queue it hears.
+
+class KeepingWatcher : public SvrDMDataSetObserver {
+ public:
+  void DataSetChanged(SvrDMWriteableDataSource const* writer) override {
+    // A copy of the queue's lines, kept only once it is whole.
+    std::vector<std::string> lines = DescribeQueue(writer->GetNotifications());
+    heard.push_back(std::move(lines));
+  }
+  std::vector<std::vector<std::string>> heard;
+};
+
+class WriteAccessScenario : public RegistryScenario {
+ public:
+  WriteAccessScenario() : fileSpec_(dir.Write("the-file-the-live-source-now-names.csv", "a\n1\n")) {}
+
+  void Prepare() override {
+    RegistryScenario::Prepare();
+    source_ = StartingSource();
+    item_ = registry->GetDataSet(registry->Add(*source_, "", true));
+    watcher_.reset(new KeepingWatcher);
+    item_->Register(*watcher_);
+    { SvrDMWriteableDataSource settle(item_, false, nullptr); }
+    watcher_->heard.clear();
+    blocksBefore_ = VUGlobal::LiveBlocks();
+    // The edits are the procedure's, made before the injector is armed: it
+    // is the access's end that is under test.
+    writer_ = new SvrDMWriteableDataSource(item_, false, nullptr);
+    EditEveryWay(*source_, fileSpec_);
+  }
+
+  // The end of the access, which reconciles and delivers. Its destructor
+  // may throw, so it is ended by a plain delete, which frees the object
+  // whatever the destructor does.
+  void Act() override {
+    SvrDMWriteableDataSource* writer = writer_;
+    writer_ = nullptr;
+    delete writer;
+  }
+
+  void CheckSucceeded() override {
+    ASSERT_EQ(watcher_->heard.size(), 1u);
+    EXPECT_GE(watcher_->heard[0].size(), 16u);
+    EXPECT_TRUE(item_->notifications.empty());
+    ExpectLetGo();
+  }
+
+  // The exception left the access's end: the lock and both counters are
+  // let go all the same, the watcher heard nothing or all of one pass, and
+  // what was queued and not delivered waits for the next pass.
+  void CheckFailed() override {
+    ExpectLetGo();
+    EXPECT_LE(watcher_->heard.size(), 1u);
+    if (!watcher_->heard.empty()) {
+      EXPECT_TRUE(item_->notifications.empty()) << "a delivered pass left its queue behind";
+    }
+    EXPECT_EQ(VUGlobal::LiveBlocks(), blocksBefore_ + static_cast<long>(item_->notifications.size()))
+        << "a message block is neither queued nor given back";
+  }
+
+  void CheckStillWorks() override {
+    // The next access delivers what is pending and what is still different;
+    // after it the snapshot agrees with the live dictionary.
+    std::size_t const pending = item_->notifications.size();
+    std::size_t const heardBefore = watcher_->heard.size();
+    { SvrDMWriteableDataSource writer(item_, false, nullptr); }
+    EXPECT_TRUE(item_->notifications.empty());
+    if (pending > 0) {
+      ASSERT_EQ(watcher_->heard.size(), heardBefore + 1);
+      EXPECT_GE(watcher_->heard.back().size(), pending);
+    }
+    // The changes reach the watcher in one pass: the failed one, if it got
+    // as far as delivering, or else this one.
+    EXPECT_EQ(watcher_->heard.size(), 1u) << "delivered " << watcher_->heard.size() - heardBefore << " more";
+    std::size_t const heardAfter = watcher_->heard.size();
+    { SvrDMWriteableDataSource writer(item_, false, nullptr); }
+    EXPECT_TRUE(item_->notifications.empty());
+    if (watcher_->heard.size() != heardAfter) {
+      ADD_FAILURE() << "a quiet access delivered " << ::testing::PrintToString(watcher_->heard.back());
+    }
+    ExpectLetGo();
+    ExpectRegistryWorks(4);
+  }
+
+  void Finish() override {
+    item_->Unregister(*watcher_);
+    item_ = nullptr;
+    RegistryScenario::Finish();
+    watcher_.reset();
+  }
+
+ private:
+  // No access is held: a try from another thread gets the write lock.
+  void ExpectLetGo() {
+    EXPECT_EQ(item_->writersCount.load(), 0);
+    EXPECT_EQ(item_->readersCount.load(), 0);
+    bool got = false;
+    std::thread other([&] {
+      try {
+        SvrDMInputDataSource reader(item_, true);
+        got = true;
+      } catch (int) {
+      }
+    });
+    other.join();
+    EXPECT_TRUE(got) << "the access lock is still held";
+    // Asked of the lock itself: a write access here would deliver what is
+    // pending, which the checks after this one still look at.
+    bool wrote = false;
+    std::thread writer([&] {
+      if (item_->accessMutex.tryWriteLock()) {
+        item_->accessMutex.unlock();
+        wrote = true;
+      }
+    });
+    writer.join();
+    EXPECT_TRUE(wrote) << "the write lock is still held";
+  }
+
+  std::string const fileSpec_;
+  TrackedSource* source_ = nullptr;
+  SvrDMItemPtr item_;
+  SvrDMWriteableDataSource* writer_ = nullptr;
+  std::unique_ptr<KeepingWatcher> watcher_;
+  long blocksBefore_ = 0;
+};
+
+// ---------------------------------------------------------------------------
+// SetDataSet in each case of its table, inside a write access held across
+// the run.
+
+enum class Swap { kNullForNull, kFirstSource, kSameHead, kAncestor, kDescendant, kUnrelated, kNull };
+
+class SetDataSetScenario : public RegistryScenario {
+ public:
+  explicit SetDataSetScenario(Swap swap)
+      : swap_(swap), dataFile_(dir.Write("the-file-of-the-swapped-dataset.csv", "a\n1\n")) {}
+
+  void Prepare() override {
+    RegistryScenario::Prepare();
+    bool const empty = swap_ == Swap::kNullForNull || swap_ == Swap::kFirstSource;
+    head_ = empty ? nullptr : TrackedSource::Chain(3, 2, 100);
+    item_ = registry->GetDataSet(empty ? registry->AddEmpty(true) : registry->Add(*head_, dataFile_, true));
+    if (empty) item_->FileName(dataFile_);  // an empty dataset may still name its file
+    parent_ = head_ != nullptr ? head_->GetParentSource() : nullptr;
+    switch (swap_) {
+      case Swap::kNullForNull:
+      case Swap::kNull:
+        next_ = nullptr;
+        deleted_ = swap_ == Swap::kNull ? 3 : 0;
+        break;
+      case Swap::kFirstSource:
+        next_ = TrackedSource::Chain(1, 2, 200);
+        deleted_ = 0;
+        break;
+      case Swap::kSameHead:
+        next_ = head_;
+        deleted_ = 0;
+        break;
+      case Swap::kAncestor:
+        next_ = parent_;
+        deleted_ = 1;
+        break;
+      case Swap::kDescendant:
+        next_ = TrackedSource::Chain(1, 2, 200);
+        next_->SetParentSource(head_);
+        deleted_ = 0;
+        break;
+      case Swap::kUnrelated:
+        next_ = TrackedSource::Chain(2, 2, 200);
+        deleted_ = 3;
+        break;
+    }
+    sourcesBefore_ = TrackedSource::Live();
+    blocksBefore_ = VUGlobal::LiveBlocks();
+    writer_.reset(new SvrDMWriteableDataSource(item_, false, nullptr));
+  }
+
+  void Act() override { writer_->SetDataSet(next_); }
+
+  void CheckSucceeded() override {
+    ExpectSwapped();
+    EXPECT_EQ(item_->notifications.size(), head_ != nullptr ? 1u : 0u) << "one ResetUndoMsg, if a source went";
+    EXPECT_EQ(item_->lockedFile != nullptr, next_ != nullptr) << "the file follows the source";
+  }
+
+  // The head has changed and the sources it no longer reaches are gone
+  // whatever failed; the message is queued whole or not at all, and after a
+  // source went the file is not held.
+  void CheckFailed() override {
+    ExpectSwapped();
+    EXPECT_LE(item_->notifications.size(), 1u);
+    if (!item_->notifications.empty()) {
+      EXPECT_NE(dynamic_cast<ResetUndoMsg*>(item_->notifications[0]), nullptr);
+    }
+    if (head_ != nullptr) {
+      EXPECT_EQ(item_->lockedFile, nullptr) << "the file is held after a failure";
+    }
+  }
+
+  void CheckStillWorks() override {
+    EXPECT_EQ(VUGlobal::LiveBlocks(), blocksBefore_ + static_cast<long>(item_->notifications.size()));
+    writer_.reset();  // the end of the access: the queue goes
+    EXPECT_TRUE(item_->notifications.empty());
+    EXPECT_EQ(item_->writersCount.load(), 0);
+    // A further swap holds the file again.
+    {
+      SvrDMWriteableDataSource writer(item_, true, nullptr);
+      writer.SetDataSet(TrackedSource::Chain(2, 1, 300));
+    }
+    EXPECT_NE(item_->lockedFile, nullptr);
+    ExpectRegistryWorks(4);
+  }
+
+  void Finish() override {
+    writer_.reset();
+    item_ = nullptr;
+    RegistryScenario::Finish();
+  }
+
+ private:
+  void ExpectSwapped() {
+    EXPECT_EQ(item_->dataSource, next_);
+    EXPECT_EQ(TrackedSource::Live(), sourcesBefore_ - deleted_) << "sources deleted wrongly";
+  }
+
+  Swap swap_;
+  std::string const dataFile_;
+  TrackedSource* head_ = nullptr;
+  QUOR_DataSource* parent_ = nullptr;
+  QUOR_DataSource* next_ = nullptr;
+  long deleted_ = 0;
+  long sourcesBefore_ = 0;
+  long blocksBefore_ = 0;
+  SvrDMItemPtr item_;
+  std::unique_ptr<SvrDMWriteableDataSource> writer_;
+};
+
+// ---------------------------------------------------------------------------
+// A clone's construction and copy.
+
+class CloneScenario : public Scenario {
+ public:
+  explicit CloneScenario(bool copy) : copy_(copy) {}
+
+  void Prepare() override {
+    source_ = TrackedSource::Chain(3, 4, 100);
+    source_->rows = 7;
+    sourcesBefore_ = TrackedSource::Live();
+    if (copy_) {
+      first_.reset(new SvrDMCloneDataSource(source_));
+      first_->DeleteVariables(0, 0);  // the copy takes this dictionary, not the source's
+    }
+  }
+
+  void Act() override {
+    if (copy_) {
+      second_.reset(new SvrDMCloneDataSource(*first_));
+    } else {
+      first_.reset(new SvrDMCloneDataSource(source_));
+    }
+  }
+
+  void CheckSucceeded() override {
+    SvrDMCloneDataSource& made = copy_ ? *second_ : *first_;
+    EXPECT_EQ(made.ColumnCount(), copy_ ? 3u : 4u);
+    EXPECT_EQ(made.RowCount(), 7);
+    EXPECT_EQ(made.GetParentSource(), nullptr);
+    EXPECT_EQ(TrackedSource::Live(), sourcesBefore_);
+  }
+
+  void CheckFailed() override {
+    if (copy_) {
+      // The first clone keeps the shared record, and with it the source.
+      EXPECT_EQ(TrackedSource::Live(), sourcesBefore_);
+      return;
+    }
+    // Either nothing took the source (it is still the caller's), or the
+    // record had it and took its whole chain along; nothing in between.
+    long const live = TrackedSource::Live();
+    EXPECT_TRUE(live == sourcesBefore_ || live == sourcesBefore_ - 3) << live << " of " << sourcesBefore_;
+    callerOwnsSource_ = live == sourcesBefore_;
+  }
+
+  void CheckStillWorks() override {
+    if (first_) {
+      EXPECT_EQ(first_->RowCount(), 7);
+      OBS row;
+      std::unique_ptr<ObsIterator> rows(first_->MakeIterator(&row));
+      EXPECT_FALSE(rows->Next());  // the tracked source has a count but no rows
+      EXPECT_EQ(first_->GetParentSource(), nullptr);
+    }
+    if (second_) {
+      first_.reset();
+      EXPECT_EQ(TrackedSource::Live(), sourcesBefore_) << "the second clone still needs the source";
+      EXPECT_EQ(second_->RowCount(), 7);
+    }
+  }
+
+  void Finish() override {
+    first_.reset();
+    second_.reset();
+    if (callerOwnsSource_) {
+      for (QUOR_DataSource* current = source_; current != nullptr;) {
+        QUOR_DataSource* parent = current->GetParentSource();
+        delete current;
+        current = parent;
+      }
+    }
+  }
+
+ private:
+  bool copy_;
+  TrackedSource* source_ = nullptr;
+  long sourcesBefore_ = 0;
+  bool callerOwnsSource_ = false;
+  std::unique_ptr<SvrDMCloneDataSource> first_;
+  std::unique_ptr<SvrDMCloneDataSource> second_;
+};
+
+// ---------------------------------------------------------------------------
+// Handles of every open dataset.
+
+class GetAllDatasetsScenario : public RegistryScenario {
+ public:
+  void Act() override { all_ = registry->GetAllDatasets(); }
+
+  void CheckSucceeded() override {
+    ASSERT_EQ(all_.size(), existing.size());
+    for (std::size_t i = 0; i < all_.size(); ++i) EXPECT_EQ(all_[i].GetDataSetID(), existing[i]);
+  }
+
+  void CheckFailed() override {
+    EXPECT_TRUE(all_.empty());
+    for (std::size_t i = 0; i < existing.size(); ++i) ExpectExisting(i);
+  }
+
+  void CheckStillWorks() override { ExpectRegistryWorks(3); }
+
+  void Finish() override {
+    // Dropped before the table goes: a reference a failure left behind
+    // would keep its item, and its sources, past Finish.
+    all_.clear();
+    all_.shrink_to_fit();
+    RegistryScenario::Finish();
+  }
+
+ private:
+  std::vector<SvrDMDataset> all_;
+};
+
+// ---------------------------------------------------------------------------
 
 TEST(AllocationFailure, InjectorFailsTheCountedAllocationOnly) {
   // The replacement must be the operator new in use, under every sanitizer.
@@ -909,6 +1262,32 @@ TEST(AllocationFailure, UpdateFindingADifferenceOfEveryKind) {
 
 TEST(AllocationFailure, UpdateReplacingTheVariablesInBulk) {
   SweepBothModes<UpdateScenario>("Update, bulk variable moves", true);
+}
+
+TEST(AllocationFailure, WriteAccessWhoseEndFindsEveryDifference) {
+  SweepBothModes<WriteAccessScenario>("write access, every difference");
+}
+
+TEST(AllocationFailure, SetDataSetInEachCase) {
+  SweepBothModes<SetDataSetScenario>("SetDataSet null over null", Swap::kNullForNull);
+  SweepBothModes<SetDataSetScenario>("SetDataSet first source", Swap::kFirstSource);
+  SweepBothModes<SetDataSetScenario>("SetDataSet same head", Swap::kSameHead);
+  SweepBothModes<SetDataSetScenario>("SetDataSet ancestor", Swap::kAncestor);
+  SweepBothModes<SetDataSetScenario>("SetDataSet descendant", Swap::kDescendant);
+  SweepBothModes<SetDataSetScenario>("SetDataSet unrelated", Swap::kUnrelated);
+  SweepBothModes<SetDataSetScenario>("SetDataSet null", Swap::kNull);
+}
+
+TEST(AllocationFailure, CloneConstruction) {
+  SweepBothModes<CloneScenario>("clone construction", false);
+}
+
+TEST(AllocationFailure, CloneCopy) {
+  SweepBothModes<CloneScenario>("clone copy", true);
+}
+
+TEST(AllocationFailure, GetAllDatasets) {
+  SweepBothModes<GetAllDatasetsScenario>("GetAllDatasets");
 }
 
 TEST(AllocationFailure, DeserializeSpecsIntoAFullRecord) {
