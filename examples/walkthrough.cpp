@@ -1,41 +1,373 @@
-// The road of a dataset through the registry: added, found, deleted.
+// The road of a dataset through the data manager, shown step by step: added
+// from a data file, watched, read by two procedures at once, changed under
+// write access, its changes turned into messages that a watcher applies to
+// its own copy, refused access, its file changed behind the server's back,
+// errors sent to a client, and a bootstrap record in its byte form.
+//
+//   sdm-walkthrough [--json] [data-file.csv]
+//
+// With --json every event is one JSON object per line, for tools.
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <sstream>
 #include <string>
+#include <vector>
 
 #include "ServerDataManager.h"
 
 namespace {
-class PrintingObserver : public ServerDataManagerObserver {
+
+// Prints each event as a plain line, or as a JSON line.
+class Output {
  public:
-  void DataSetCreated(LocallyUniqueID const& id, std::string const& fileName) override {
-    std::cout << "observer: dataset " << id.ToWord() << " created from \"" << fileName << "\"\n";
+  explicit Output(bool json) : json_(json) {}
+
+  void Section(std::string const& title) {
+    section_ = title;
+    if (!json_) std::cout << "\n== " << title << "\n";
   }
-  void DataSetDeleted(LocallyUniqueID const& id) override {
-    std::cout << "observer: dataset " << id.ToWord() << " deleted\n";
+  void Event(std::string const& text) {
+    if (!json_) {
+      std::cout << "  " << text << "\n";
+      return;
+    }
+    std::cout << "{\"step\":\"" << Escape(section_) << "\",\"text\":\"" << Escape(text) << "\"}\n";
+  }
+
+ private:
+  static std::string Escape(std::string const& text) {
+    std::string out;
+    for (char c : text) {
+      if (c == '"' || c == '\\') {
+        out += '\\';
+        out += c;
+      } else if (static_cast<unsigned char>(c) < 0x20) {
+        char buffer[8];
+        std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(c));
+        out += buffer;
+      } else {
+        out += c;
+      }
+    }
+    return out;
+  }
+
+  bool json_;
+  std::string section_;
+};
+
+std::string Word(LocallyUniqueID id) { return id.IsNone() ? "none" : std::to_string(id.ToWord()); }
+
+// A client's copy of the dictionary, kept only from the messages it is sent.
+struct ClientCopy {
+  std::vector<QUOR_Variable> variables;
+  LocallyUniqueID weight, filter;
+  std::vector<LocallyUniqueID> split;
+  std::string label;
+
+  int Find(LocallyUniqueID id) const {
+    for (std::size_t i = 0; i < variables.size(); ++i) {
+      if (variables[i].GetID() == id) return static_cast<int>(i);
+    }
+    return -1;
+  }
+
+  void Apply(DataSetMsg const* message) {
+    if (auto const* m = dynamic_cast<DeleteVarsMsg const*>(message)) {
+      for (QUOR_Variable const& v : m->GetVariables()) variables.erase(variables.begin() + Find(v.GetID()));
+    } else if (auto const* m = dynamic_cast<InsertVarsMsg const*>(message)) {
+      int at = m->GetBeforeID().IsNone() ? static_cast<int>(variables.size()) : Find(m->GetBeforeID());
+      variables.insert(variables.begin() + at, m->GetVariables().begin(), m->GetVariables().end());
+    } else if (auto const* m = dynamic_cast<MoveVarsMsg const*>(message)) {
+      QUOR_Variable moved = variables[m->GetIndices()[0]];
+      variables.erase(variables.begin() + m->GetIndices()[0]);
+      variables.insert(variables.begin() + m->GetTarget(), moved);
+    } else if (auto const* m = dynamic_cast<ModifyVarMsg const*>(message)) {
+      variables[static_cast<std::size_t>(Find(m->GetVariable().GetID()))] = m->GetVariable();
+    } else if (auto const* m = dynamic_cast<WeightVarMsg const*>(message)) {
+      weight = m->GetWeightID();
+    } else if (auto const* m = dynamic_cast<FilterVarMsg const*>(message)) {
+      filter = m->GetFilterID();
+    } else if (auto const* m = dynamic_cast<SplitFileMsg const*>(message)) {
+      split = m->GetSplitIDs();
+    } else if (auto const* m = dynamic_cast<FileLabelChangeMsg const*>(message)) {
+      label = m->GetLabel();
+    }
+  }
+
+  std::string Describe() const {
+    std::ostringstream out;
+    for (std::size_t i = 0; i < variables.size(); ++i) {
+      out << (i ? " " : "") << variables[i].GetName() << ":" << variables[i].GetType();
+    }
+    out << " | weight " << Word(weight) << ", filter " << Word(filter) << ", split " << split.size()
+        << ", label \"" << label << "\"";
+    return out.str();
   }
 };
+
+// The same description, read from the live source.
+std::string DescribeLive(QUOR_DataSource const& source) {
+  ClientCopy live;
+  for (unsigned i = 0; i < source.ColumnCount(); ++i) live.variables.push_back(source.GetVariable(static_cast<int>(i)));
+  live.weight = source.GetWeightVariableID();
+  live.filter = source.GetFilterVariableID();
+  for (int i = 0; i < source.GetNSplitVars(); ++i) live.split.push_back(source.GetSplitVarID(static_cast<unsigned>(i)));
+  live.label = source.GetLabel() != nullptr ? source.GetLabel() : "";
+  return live.Describe();
+}
+
+class RegistryWatcher : public ServerDataManagerObserver {
+ public:
+  explicit RegistryWatcher(Output& out) : out_(out) {}
+  void DataSetCreated(LocallyUniqueID const& id, std::string const& fileName) override {
+    out_.Event("registry observer: dataset " + Word(id) + " created from " + fileName);
+  }
+  void DataSetDeleted(LocallyUniqueID const& id) override {
+    out_.Event("registry observer: dataset " + Word(id) + " deleted");
+  }
+
+ private:
+  Output& out_;
+};
+
+// Prints the queue of each pass and applies it to the client's copy.
+class DatasetWatcher : public SvrDMDataSetObserver {
+ public:
+  DatasetWatcher(Output& out, ClientCopy& copy) : out_(out), copy_(copy) {}
+  void DataSetChanged(SvrDMWriteableDataSource const* access) override {
+    for (DataSetMsg const* message : access->GetNotifications()) {
+      if (printing) {
+        std::ostringstream line;
+        line << *message;
+        out_.Event("message: " + line.str());
+      }
+      copy_.Apply(message);
+    }
+  }
+  bool printing = false;
+
+ private:
+  Output& out_;
+  ClientCopy& copy_;
+};
+
+class PrintingChannel : public PackageProxy {
+ public:
+  explicit PrintingChannel(Output& out) : out_(out) {}
+  void SendToClient(int32_t number, VSerializable& message) override {
+    auto& error = dynamic_cast<ReportedErrorMsg&>(message);
+    out_.Event("client channel " + std::to_string(number) + ": " + message.GetClassName() + " severity " +
+               std::to_string(error.GetSeverity()) + ": " + error.GetText());
+  }
+
+ private:
+  Output& out_;
+};
+
+std::string Hex(std::string const& bytes) {
+  std::ostringstream out;
+  for (unsigned char c : bytes) out << std::hex << std::setw(2) << std::setfill('0') << static_cast<int>(c);
+  return out.str();
+}
+
+// Rewrites a bootstrap byte form in the other byte order, field by field,
+// as a machine of the other kind would have written it.
+std::string OtherByteOrder(std::string form) {
+  std::size_t at = 0;
+  auto swap = [&form, &at](std::size_t width) {
+    for (std::size_t i = 0; i < width / 2; ++i) std::swap(form[at + i], form[at + width - 1 - i]);
+    at += width;
+  };
+  auto count = [&form, &at]() {
+    uint32_t n = 0;
+    for (int i = 3; i >= 0; --i) n = (n << 8) | static_cast<unsigned char>(form[at + static_cast<std::size_t>(i)]);
+    return n;  // read before the swap, in this machine's order
+  };
+  swap(2);  // byte-order mark
+  swap(4);  // format version
+  swap(4);  // sampling method
+  for (int list = 0; list < 6; ++list) {  // five variable lists and the auxiliary indices
+    uint32_t n = count();
+    swap(4);
+    for (uint32_t i = 0; i < n; ++i) swap(4);
+  }
+  uint32_t pairs = count();
+  swap(4);
+  for (uint32_t i = 0; i < pairs; ++i) {
+    swap(8);
+    swap(4);
+  }
+  swap(8);  // level
+  swap(4);  // interval type
+  swap(4);  // sample count
+  return form;  // the last byte needs no swap
+}
+
+// A private copy of the data file, so that touching it leaves the shipped
+// sample alone.
+std::string CopyToTemporary(std::string const& path, std::string& directory) {
+  char pattern[] = "/tmp/sdm-walkthrough-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) return std::string();
+  directory = pattern;
+  std::string copy = directory + "/data.csv";
+  std::ifstream in(path, std::ios::binary);
+  std::ofstream out(copy, std::ios::binary);
+  out << in.rdbuf();
+  return copy;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string const path = argc > 1 ? argv[1] : SDM_SAMPLE_DATA;
-  ServerDataManager& registry = ServerDataManager::GetInstance();
-  PrintingObserver observer;
-  registry.Register(observer);
-
-  LocallyUniqueID id = registry.Add(*new SystemFileDataSource(path), path, false);
-  std::cout << "added " << path << " as dataset " << id.ToWord() << "\n";
-
-  SvrDMItemPtr item = registry.GetDataSet(id);
-  std::cout << "found dataset " << item->dataSetID.ToWord() << ", file \"" << item->fileName << "\"\n";
-
-  registry.Delete(id);
-  try {
-    registry.GetDataSet(id);
-  } catch (ErrorMsg const& error) {
-    std::cout << "after delete, lookup refused with error " << error.GetCode() << "\n";
+  bool json = false;
+  std::string path = SDM_SAMPLE_DATA;
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    if (arg == "--json") {
+      json = true;
+    } else {
+      path = arg;
+    }
   }
-  std::cout << "the handle taken before the delete still reads dataset " << item->dataSetID.ToWord()
-            << "\n";
-  registry.Unregister(observer);
+  Output out(json);
+  // Read the file first, so that a bad one is reported by its own name.
+  try {
+    SystemFileDataSource check(path);
+    if (check.ColumnCount() < 3) {
+      std::cerr << "sdm-walkthrough: " << path << " has " << check.ColumnCount()
+                << " variables; the walkthrough needs three or more\n";
+      return 1;
+    }
+  } catch (std::exception const& error) {
+    std::cerr << "sdm-walkthrough: " << error.what() << "\n";
+    return 1;
+  }
+  std::string directory;
+  std::string const file = CopyToTemporary(path, directory);
+  if (file.empty()) {
+    std::cerr << "sdm-walkthrough: cannot make a temporary directory\n";
+    return 1;
+  }
+
+  ServerDataManager& registry = ServerDataManager::GetInstance();
+  RegistryWatcher registryWatcher(out);
+  registry.Register(registryWatcher);
+
+  out.Section("A dataset is added from " + path);
+  auto* source = new SystemFileDataSource(file);
+  LocallyUniqueID const id = registry.Add(*source, file, false);
+  out.Event("dataset " + Word(id) + " holds " + std::to_string(source->ColumnCount()) + " variables and " +
+            std::to_string(source->RowCount()) + " rows");
+
+  ClientCopy copy;
+  DatasetWatcher watcher(out, copy);
+  SvrDMDataset(id).Register(watcher);
+  { SvrDMWriteableDataSource first(id, false, nullptr); }  // the watcher is brought up to date
+
+  out.Section("Two procedures read at once");
+  {
+    SvrDMInputDataSource reader1(id, false);
+    SvrDMInputDataSource reader2(id, false);
+    out.Event("readers: " + std::to_string(reader1.ReadersCount()) + ", first variable \"" +
+              reader1->GetVariable(0).GetName() + "\"");
+    out.Section("A writer that only tries is refused while a reader holds the dataset");
+    try {
+      SvrDMWriteableDataSource refused(id, true, nullptr);
+    } catch (int code) {
+      out.Event("try-writer refused with " + std::to_string(code));
+    }
+  }
+  try {
+    SvrDMInputDataSource unknown(LocallyUniqueID(0, 999), false);
+  } catch (ErrorMsg const& error) {
+    out.Event("unknown dataset refused with " + std::to_string(error.GetCode()));
+  }
+
+  out.Section("A procedure changes the dataset under write access");
+  out.Event("watcher's copy before: " + copy.Describe());
+  watcher.printing = true;
+  {
+    SvrDMWriteableDataSource writer(id, false, nullptr);
+    QUOR_DataSource& live = *writer;
+    // Positions are taken from the file at hand, which has three or more
+    // variables (checked when it was added).
+    live.InsertVariable(1, QUOR_Variable(LocallyUniqueID(0, 100), "score"));
+    int last = static_cast<int>(live.ColumnCount()) - 1;
+    live.DeleteVariables(last, last);
+    --last;
+    QUOR_Variable moved = live.GetVariable(0);
+    live.DeleteVariables(0, 0);
+    live.InsertVariable(2, moved);
+    live.GetVariable(1).SetName(live.GetVariable(1).GetName() + "_renamed");
+    live.GetVariable(last).SetType(8);
+    live.SetWeightVar(last - 1);
+    live.SetFilterVar(last);
+    int const split[] = {1};
+    live.SetSplit(1, split, true);
+    live.SetLabel("Cleaned copy");
+    out.Event("live dictionary after the edits: " + DescribeLive(live));
+  }
+  watcher.printing = false;
+  {
+    SvrDMInputDataSource reader(id, false);
+    std::string const live = DescribeLive(*reader);
+    out.Event("watcher's copy after:  " + copy.Describe());
+    out.Event(copy.Describe() == live ? "the copy equals the live dictionary" : "THE COPY DIFFERS from " + live);
+  }
+
+  out.Section("The data file is touched behind the server's back");
+  out.Event(std::string("changed before: ") + (registry.SavFileExternallyChanged(file) ? "yes" : "no"));
+  struct timeval past[2] = {{1000000000, 0}, {1000000000, 0}};
+  utimes(file.c_str(), past);
+  out.Event(std::string("changed after touching it: ") + (registry.SavFileExternallyChanged(file) ? "yes" : "no"));
+
+  out.Section("Errors and warnings reach the client");
+  PrintingChannel channel(out);
+  SvrDMDataset handle(id);
+  handle.InitializeErrorMonitor(&channel);
+  ErrorText error;
+  error.text = "variable income has no valid values";
+  error.severity = 1;
+  handle.GetErrorMonitor()->Report(error);
+  ErrorText warning;
+  warning.text = "weights below zero were treated as missing";
+  warning.severity = 2;
+  handle.GetErrorMonitor()->Report(warning);
+  handle.InitializeErrorMonitor(nullptr);
+
+  out.Section("A bootstrap record and its byte form");
+  auto* specs = new SvrBootstrapSpecs();
+  specs->SetSamplingMethod(SvrBootstrapSpecs::Stratified);
+  specs->SetStrataVarList({1});
+  specs->SetNSamples(500);
+  handle.SetBootstrapSpecs(specs);
+  std::ostringstream display;
+  specs->Display(display);
+  std::istringstream lines(display.str());
+  for (std::string line; std::getline(lines, line);) out.Event(line);
+  std::string form;
+  SvrBootstrapSpecsSerializer::serializeSpecs(*specs, form);
+  out.Event("byte form (" + std::to_string(form.size()) + " bytes): " + Hex(form));
+  std::string const swapped = OtherByteOrder(form);
+  out.Event("other byte order:             " + Hex(swapped));
+  SvrBootstrapSpecs readBack;
+  SvrBootstrapSpecsSerializer::deserializeSpecs(swapped, readBack);
+  out.Event(std::string("read back from the other byte order: ") +
+            (readBack.IdenticalTo(*specs) ? "identical" : "DIFFERENT"));
+
+  out.Section("The dataset is deleted");
+  SvrDMDataset(id).Unregister(watcher);
+  registry.Delete(id);
+  registry.Unregister(registryWatcher);
+  std::remove(file.c_str());
+  rmdir(directory.c_str());
   return 0;
 }

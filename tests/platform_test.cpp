@@ -1,6 +1,5 @@
 #include <atomic>
 #include <condition_variable>
-#include <cstdio>
 #include <mutex>
 #include <thread>
 
@@ -10,39 +9,22 @@
 
 namespace {
 
-TEST(LocallyUniqueIDTest, DefaultIsAllOnesAndWordFormIsByShifts) {
-  LocallyUniqueID none;
-  EXPECT_EQ(none.ToWord(), 0xFFFFFFFFu);
-  EXPECT_TRUE(none.IsNone());
-  EXPECT_EQ(none.group, 15u);
-
-  LocallyUniqueID id(3, 0x1234567);
+TEST(LocallyUniqueIDTest, WordFormAndOrder) {
+  EXPECT_EQ(LocallyUniqueID().ToWord(), 0xFFFFFFFFu);
+  LocallyUniqueID const id(3, 0x1234567);
   EXPECT_EQ(id.ToWord(), 0x12345673u);
-  LocallyUniqueID back = LocallyUniqueID::FromWord(0x12345673u);
-  EXPECT_EQ(back.group, 3u);
-  EXPECT_EQ(back.serial, 0x1234567u);
-  EXPECT_EQ(back, id);
-  // Values wider than the fields keep their low bits only.
-  EXPECT_EQ(LocallyUniqueID(0x13, 0x10000002).ToWord(), 0x23u);
-}
-
-TEST(LocallyUniqueIDTest, EqualityNeedsBothFieldsAndOrderIsGroupFirst) {
-  LocallyUniqueID a(1, 5), b(2, 5), c(1, 9), d(2, 0);
-  EXPECT_NE(a, b);
-  EXPECT_TRUE(a < b);
-  EXPECT_TRUE(a < c);
-  EXPECT_TRUE(c < d);  // lower group wins even with a higher serial
-  EXPECT_FALSE(d < c);
-  EXPECT_FALSE(a < a);
+  EXPECT_EQ(LocallyUniqueID::FromWord(0x12345673u), id);
+  EXPECT_NE(LocallyUniqueID(1, 5), LocallyUniqueID(2, 5));
+  EXPECT_TRUE(LocallyUniqueID(1, 9) < LocallyUniqueID(2, 0));  // group first
+  EXPECT_FALSE(LocallyUniqueID(2, 0) < LocallyUniqueID(1, 9));
 }
 
 TEST(CriticalSectionTest, ThirdNestedLockDoesNotBlockAndHoldsUntilLastEnds) {
   CriticalSection section;
   std::mutex m;
   std::condition_variable cv;
-  int stage = 0;
+  bool waiting = false;
   std::atomic<bool> otherHasIt{false};
-
   std::thread other;
   {
     CriticalSection::Lock first(section);
@@ -52,105 +34,48 @@ TEST(CriticalSectionTest, ThirdNestedLockDoesNotBlockAndHoldsUntilLastEnds) {
       other = std::thread([&] {
         {
           std::lock_guard<std::mutex> g(m);
-          stage = 1;
+          waiting = true;
         }
         cv.notify_all();
-        CriticalSection::Lock waiting(section);
+        CriticalSection::Lock lock(section);
         otherHasIt = true;
       });
       std::unique_lock<std::mutex> g(m);
-      cv.wait(g, [&] { return stage == 1; });
+      cv.wait(g, [&] { return waiting; });
     }
-    // Two of the three locks have ended: the section is still ours.
-    EXPECT_FALSE(otherHasIt.load());
+    EXPECT_FALSE(otherHasIt.load());  // two of three ended: still ours
   }
   other.join();
   EXPECT_TRUE(otherHasIt.load());
-}
-
-TEST(CriticalSectionTest, ExceptionThroughLockReleasesSection) {
-  CriticalSection section;
-  try {
-    CriticalSection::Lock lock(section);
-    throw 7;
-  } catch (int) {
-  }
-  bool taken = false;
-  std::thread([&] {
-    CriticalSection::Lock lock(section);
-    taken = true;
-  }).join();
-  EXPECT_TRUE(taken);
 }
 
 TEST(SfMutexRWTest, UnlockReleasesWhicheverAccessIsHeld) {
   sfMutexRW mutex;
   mutex.readLock();
   mutex.readLock();
-  EXPECT_FALSE(mutex.tryWriteLock());
   mutex.unlock();
   EXPECT_FALSE(mutex.tryWriteLock());
   mutex.unlock();
   ASSERT_TRUE(mutex.tryWriteLock());
   EXPECT_FALSE(mutex.tryWriteLock());
   mutex.unlock();
-  mutex.writeLock();
-  mutex.unlock();
   EXPECT_TRUE(mutex.tryWriteLock());
   mutex.unlock();
 }
 
-TEST(SfMutexRWTest, BlockedWriterGetsLockWhenLastReaderLeaves) {
-  sfMutexRW mutex;
-  mutex.readLock();
-  std::atomic<bool> writing{false};
-  std::thread writer([&] {
-    mutex.writeLock();
-    writing = true;
-    mutex.unlock();
-  });
-  // The writer cannot get in while the read access lasts; whatever the
-  // scheduling, it must not have got it before this unlock.
-  EXPECT_FALSE(writing.load());
-  mutex.unlock();
-  writer.join();
-  EXPECT_TRUE(writing.load());
-}
-
-TEST(PlatformTest, CaseBlindComparison) {
+TEST(PlatformTest, CaseBlindNamesAndDates) {
   EXPECT_EQ(QUORMBstricmp_A("Data.SAV", "data.sav"), 0);
-  EXPECT_EQ(QUORMBstricmp_A("", ""), 0);
   EXPECT_NE(QUORMBstricmp_A("data", "data.sav"), 0);
-  EXPECT_NE(QUORMBstricmp_A("a", "b"), 0);
-}
-
-TEST(PlatformTest, NumericDatesCountSecondsFrom1970) {
   double value = -1;
   EXPECT_EQ(iDMY2Quor(1, 1, 1970, 0, 0, 0.0, &value), 0);
   EXPECT_EQ(value, 0.0);
-  EXPECT_EQ(iDMY2Quor(1, 2, 1975, 12, 0, 0.0, &value), 0);
-  EXPECT_EQ(value, 160488000.0);
   EXPECT_EQ(iDMY2Quor(29, 2, 2000, 23, 59, 59.5, &value), 0);
   EXPECT_EQ(value, 951868799.5);
   EXPECT_EQ(iDMY2Quor(31, 12, 1969, 0, 0, 0.0, &value), 0);
   EXPECT_EQ(value, -86400.0);
-
-  value = 42;
-  EXPECT_EQ(iDMY2Quor(29, 2, 1900, 0, 0, 0.0, &value), 1);
+  EXPECT_EQ(iDMY2Quor(29, 2, 1900, 0, 0, 0.0, &value), 1);  // not a leap year
   EXPECT_EQ(iDMY2Quor(1, 13, 2000, 0, 0, 0.0, &value), 1);
-  EXPECT_EQ(iDMY2Quor(1, 1, 2000, 24, 0, 0.0, &value), 1);
-  EXPECT_EQ(value, 42);
-}
-
-TEST(PlatformTest, ExtNameStrOpensExistingFilesOnly) {
-  ExtNameStr name;
-  name.SetGeneric("/nonexistent/dir/file.csv");
-  EXPECT_EQ(name.fsopen("r", 32), nullptr);
-  name.SetGeneric(SDM_EXAMPLES_DATA_DIR "/survey.csv");
-  FILE* stream = name.fsopen("r", 32);
-  ASSERT_NE(stream, nullptr);
-  EXPECT_EQ(std::fgetc(stream), 'i');
-  std::fclose(stream);
+  EXPECT_EQ(value, -86400.0);
 }
 
 }  // namespace

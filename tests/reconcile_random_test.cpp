@@ -136,31 +136,54 @@ uint32_t BaseSeed() {
   return fromEnvironment != nullptr ? static_cast<uint32_t>(std::strtoul(fromEnvironment, nullptr, 10)) : 20261123u;
 }
 
-TEST(ReconcileRandomTest, WatcherConvergesAfterEveryAccessAndQuietUpdatesQueueNothing) {
+// A watcher that applies each pass to its model and checks it against the
+// live source it can read through the access it is given.
+class ModelWatcher : public SvrDMDataSetObserver {
+ public:
+  void DataSetChanged(SvrDMWriteableDataSource const* access) override {
+    ++passes;
+    lastQueue = DescribeQueue(access->GetNotifications());
+    if (!error.empty()) return;
+    if (!model.Apply(access->GetNotifications(), &error)) return;
+    model.Matches(*access->GetDataSource(), &error);
+  }
+  WatcherModel model;
+  std::string error;
+  std::vector<std::string> lastQueue;
+  int passes = 0;  // passes that had something to deliver
+};
+
+TEST(ReconcileRandomTest, WatcherConvergesAfterEveryAccessAndQuietAccessesQueueNothing) {
+  ServerDataManager registry;
   int accesses = 0;
   for (uint32_t round = 0; accesses < 10000; ++round) {
     uint32_t const seed = BaseSeed() + round;
     SCOPED_TRACE("seed " + std::to_string(seed) + " (rerun with SDM_SEED=" + std::to_string(seed) + ")");
     auto* source = new RandomSource;
-    SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(0, 1), source, nullptr, 0, "", true));
     RandomEditor editor(seed, *source);
     editor.Fill(editor.Below(201));
-    WatcherModel model;
+    LocallyUniqueID const id = registry.Add(*source, "", true);
+    ModelWatcher watcher;
+    SvrDMDataset(registry, id).Register(watcher);
 
     for (int step = 0; step < 50; ++step, ++accesses) {
-      for (int edits = 1 + editor.Below(6); edits > 0; --edits) editor.Edit();
-      if (editor.Chance(10)) item->observerView.BulkVarMoves(true);
-      item->observerView.Update();
+      {
+        SvrDMWriteableDataSource access(registry, id, false, nullptr);
+        for (int edits = 1 + editor.Below(6); edits > 0; --edits) editor.Edit();
+        if (editor.Chance(10)) access.BulkVarMoves();
+      }
+      ASSERT_TRUE(watcher.error.empty()) << "step " << step << ": " << watcher.error;
 
-      std::string error;
-      ASSERT_TRUE(model.Apply(item->notifications, &error)) << "step " << step << ": " << error;
-      ASSERT_TRUE(model.Matches(*source, &error)) << "step " << step << ": " << error;
-      item->ClearNotifications();
-
-      item->observerView.Update();
-      ASSERT_TRUE(item->notifications.empty())
-          << "step " << step << ": a quiet Update queued " << DescribeQueue(item->notifications).at(0);
+      // Nothing changed in between: the next pass has nothing to say, so
+      // the watchers are not called at all.
+      int const passesBefore = watcher.passes;
+      { SvrDMWriteableDataSource quiet(registry, id, false, nullptr); }
+      ASSERT_EQ(watcher.passes, passesBefore) << "step " << step << ": a quiet access queued "
+                                              << watcher.lastQueue.at(0);
     }
+    EXPECT_GT(watcher.passes, 40);
+    SvrDMDataset(registry, id).Unregister(watcher);
+    registry.Delete(id);
   }
 }
 

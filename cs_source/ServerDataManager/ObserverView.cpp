@@ -37,7 +37,7 @@ void QueueSetExtension(QUOR_DataSource::ExtensionType type, std::vector<Variable
   MakeExtension(sets, payload, type);
   RefCountPtr<QUOR_ExtensionImpl> extension(
       new QUOR_ExtensionImpl(static_cast<int>(type), 1, static_cast<long>(payload.size()), payload.data()));
-  item.AddNotification(new ExtensionsMsg(0, item.dataSetID, item.caseSequence, extension));
+  item.QueueNotification(new ExtensionsMsg(0, item.dataSetID, item.caseSequence, extension));
 }
 
 }  // namespace
@@ -49,7 +49,7 @@ struct SvrDMObserverView::Data {
   // sequence as it stands now.
   template <class Message, class... Args>
   void Queue(Args&&... args) {
-    pItem->AddNotification(new Message(0, pItem->dataSetID, pItem->caseSequence, std::forward<Args>(args)...));
+    pItem->QueueNotification(new Message(0, pItem->dataSetID, pItem->caseSequence, std::forward<Args>(args)...));
   }
 
   void UpdateVariables(QUOR_DataSource& live);
@@ -212,7 +212,7 @@ void SvrDMObserverView::Data::UpdateProperties(QUOR_DataSource& live, int nSplit
     if (perImputation == 0) {
       ImputationInfoMsg* message = new ImputationInfoMsg();
       message->rowsPerImputation = perImputation;
-      pItem->AddNotification(message);
+      pItem->QueueNotification(message);
     }
     view.RowsPerImputation(perImputation);
   }

@@ -91,9 +91,11 @@ int SvrDMItem::quorTimestampNow(double* out) {
                    local->tm_min, static_cast<double>(local->tm_sec), out);
 }
 
-void SvrDMItem::AddNotification(DataSetMsg* message) {
+void SvrDMItem::AddNotification(DataSetMsg* message) { notifications.push_back(message); }
+
+void SvrDMItem::QueueNotification(DataSetMsg* message) {
   try {
-    notifications.push_back(message);
+    AddNotification(message);
   } catch (...) {
     delete message;
     throw;
@@ -155,7 +157,7 @@ void SvrDMItem::SetDataSet(QUOR_DataSource* newSource) {
   // replaced source may have reopened or renamed it.
   if (old != nullptr) UnlockSavFileInUse();
   dataSource = newSource;
-  if (old != nullptr) AddNotification(new ResetUndoMsg());
+  if (old != nullptr) QueueNotification(new ResetUndoMsg());
   if (dataSource != nullptr) {
     LockSavFileInUse();
   } else {

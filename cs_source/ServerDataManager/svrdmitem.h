@@ -82,9 +82,13 @@ class SvrDMItem : public QUOR_RefCntObject {
   // item's own passwordMangled.
   bool PasswordMangled() const;
 
-  // Appends `message` to the queue, which owns it from here on, also when
-  // the queue cannot grow: then the message is deleted and bad_alloc passes.
+  // Appends `message` to the queue, which owns it from then on. When the
+  // queue cannot grow, bad_alloc passes and the message stays the caller's.
   void AddNotification(DataSetMsg* message);
+  // The same for messages the library builds itself: the queue owns
+  // `message` even when it cannot grow, in which case it is deleted before
+  // bad_alloc passes on.
+  void QueueNotification(DataSetMsg* message);
   // Deletes every queued message, undelivered.
   void ClearNotifications();
   // Deletes the whole chain of data sources, head first, each parent read
