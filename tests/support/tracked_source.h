@@ -1,66 +1,42 @@
-// A data source for reliability tests: counts how many exist, and notices a
-// second destruction, without allocating in its destructor (a destructor
-// that allocated could itself fail under injection, and would be called
-// from any thread in the soak).
+// A data source for reliability tests that counts the living ones and
+// notices a second destruction, without allocating in its destructor.
 #ifndef SDM_TESTS_SUPPORT_TRACKED_SOURCE_H
 #define SDM_TESTS_SUPPORT_TRACKED_SOURCE_H
 
 #include <atomic>
-#include <cstdint>
 #include <string>
 
 #include "ServerDataManager.h"
 
 class TrackedSource : public QUOR_DataSource {
  public:
-  // A dictionary of `variables` numeric variables named v0, v1, ... with
-  // identifiers from `firstID` on.
-  explicit TrackedSource(int variables = 0, uint32_t firstID = 1) : QUOR_DataSource(nullptr) {
-    for (int i = 0; i < variables; ++i) {
-      MakeVariable(QUOR_Variable(LocallyUniqueID(0, firstID + static_cast<uint32_t>(i)),
-                                 "v" + std::to_string(i)),
-                   nullptr);
+  // `variables` numeric variables with serials from `firstSerial` on.
+  explicit TrackedSource(int variables = 0, uint32_t firstSerial = 1) : QUOR_DataSource(nullptr) {
+    for (uint32_t i = 0; i < static_cast<uint32_t>(variables); ++i) {
+      MakeVariable(QUOR_Variable(LocallyUniqueID(0, firstSerial + i), "v" + std::to_string(i)), nullptr);
     }
-    live_.fetch_add(1, std::memory_order_relaxed);
-    created_.fetch_add(1, std::memory_order_relaxed);
+    ++live;
   }
   ~TrackedSource() override {
-    // Read before it is overwritten: a second destruction finds kDead here
-    // (the address sanitizer reports it first where it runs).
-    if (state_.exchange(kDead) != kAlive) doubleDestroyed_.fetch_add(1);
-    live_.fetch_sub(1, std::memory_order_relaxed);
+    if (alive_.exchange(false) == false) ++destroyedTwice;
+    --live;
   }
-
-  // A chain of `length` sources, the head returned; each parent has no
-  // variables of its own.
-  static TrackedSource* Chain(int length, int headVariables = 2, uint32_t firstID = 1) {
-    TrackedSource* head = new TrackedSource(headVariables, firstID);
-    QUOR_DataSource* below = head;
-    for (int i = 1; i < length; ++i) {
-      TrackedSource* parent = new TrackedSource();
-      below->SetParentSource(parent);
-      below = parent;
+  // A chain of `length`, head returned; only the head has variables.
+  static TrackedSource* Chain(int length, int variables = 2, uint32_t firstSerial = 1) {
+    TrackedSource* head = new TrackedSource(variables, firstSerial);
+    for (QUOR_DataSource* below = head; --length > 0; below = below->GetParentSource()) {
+      below->SetParentSource(new TrackedSource());
     }
     return head;
   }
-
-  // The row count the source claims; it has no row data to iterate.
+  // A claimed row count; the source has no rows to iterate.
   long long RowCount() const override { return rows; }
-  long long rows = 0;
 
-  static long Live() { return live_.load(); }
-  static long Created() { return created_.load(); }
-  static long DoubleDestroyed() { return doubleDestroyed_.load(); }
+  long long rows = 0;
+  inline static std::atomic<long> live{0}, destroyedTwice{0};
 
  private:
-  static constexpr uint32_t kAlive = 0xA11FEu;
-  static constexpr uint32_t kDead = 0xDEADu;
-
-  std::atomic<uint32_t> state_{kAlive};
-
-  inline static std::atomic<long> live_{0};
-  inline static std::atomic<long> created_{0};
-  inline static std::atomic<long> doubleDestroyed_{0};
+  std::atomic<bool> alive_{true};
 };
 
 #endif  // SDM_TESTS_SUPPORT_TRACKED_SOURCE_H
