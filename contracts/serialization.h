@@ -19,6 +19,13 @@ class VUGlobal {
   static void operator delete(void* block) noexcept;
   // Blocks handed out and not yet given back, over the whole process.
   static long LiveBlocks();
+
+  // Testing aid, not for the server: while a hook is set, operator new asks
+  // it first and throws std::bad_alloc when it answers true, so a test can
+  // fail message allocations in the same sequence as its own replacement of
+  // the global operator new. Null removes the hook. The hook is read
+  // atomically and may be called from any thread.
+  static void SetAllocationHook(bool (*shouldFail)(std::size_t size));
 };
 
 // An in-memory byte stream that is first written (storing) and then read

@@ -7,9 +7,12 @@
 
 namespace {
 std::atomic<long> gLiveBlocks{0};
+std::atomic<bool (*)(std::size_t)> gAllocationHook{nullptr};
 }  // namespace
 
 void* VUGlobal::operator new(std::size_t size) {
+  bool (*hook)(std::size_t) = gAllocationHook.load(std::memory_order_acquire);
+  if (hook != nullptr && hook(size)) throw std::bad_alloc();
   void* block = std::malloc(size == 0 ? 1 : size);
   if (block == nullptr) throw std::bad_alloc();
   gLiveBlocks.fetch_add(1, std::memory_order_relaxed);
@@ -23,6 +26,10 @@ void VUGlobal::operator delete(void* block) noexcept {
 }
 
 long VUGlobal::LiveBlocks() { return gLiveBlocks.load(std::memory_order_relaxed); }
+
+void VUGlobal::SetAllocationHook(bool (*shouldFail)(std::size_t)) {
+  gAllocationHook.store(shouldFail, std::memory_order_release);
+}
 
 VStream::VStream(std::vector<uint8_t> bytes) : bytes_(std::move(bytes)), loading_(true) {}
 

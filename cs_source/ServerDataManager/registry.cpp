@@ -53,6 +53,34 @@ struct ServerDataManager::Data {
 namespace {
 // Built during the library's static initialisation, before any caller runs.
 ServerDataManager gInstance;
+
+// Holds a data-source chain handed to Add until an item has taken it. The
+// caller of Add has given the chain up, so an Add that fails before the item
+// exists (the allocator, an observer of the replaced dataset) deletes the
+// chain here rather than losing it. Each parent is read before its child goes.
+class HandedChain {
+ public:
+  explicit HandedChain(QUOR_DataSource* head) : head_(head) {}
+  ~HandedChain() {
+    while (head_ != nullptr) {
+      QUOR_DataSource* parent = head_->GetParentSource();
+      delete head_;
+      head_ = parent;
+    }
+  }
+  HandedChain(HandedChain const&) = delete;
+  HandedChain& operator=(HandedChain const&) = delete;
+
+  // The chain belongs to someone else from now on.
+  QUOR_DataSource* Release() {
+    QUOR_DataSource* head = head_;
+    head_ = nullptr;
+    return head;
+  }
+
+ private:
+  QUOR_DataSource* head_;
+};
 }  // namespace
 
 ServerDataManager& ServerDataManager::GetInstance() { return gInstance; }
@@ -98,7 +126,9 @@ void ServerDataManager::Add(QUOR_DataSource& dataSource, std::string const& file
                             LocallyUniqueID id, unsigned int caseSequence) {
   CriticalSection::Lock lock(data_->registryLock);
   // The old dataset's notice and removal come before anything of the new.
+  HandedChain handed(&dataSource);
   Delete(id);
+  handed.Release();
   AddItem(&dataSource, fileName, false, std::string(), false, silent, id, caseSequence);
 }
 
@@ -113,15 +143,20 @@ void ServerDataManager::AddItem(QUOR_DataSource* dataSource, std::string const& 
                                 bool hasPassword, std::string const& password, bool passwordMangled,
                                 bool silent, LocallyUniqueID id, unsigned int caseSequence) {
   CriticalSection::Lock lock(data_->registryLock);
+  // The hook takes the source it is given and answers with the one to use;
+  // what becomes of the first is the hook's concern.
   if (data_->filterHook != nullptr && dataSource != nullptr) {
     dataSource = data_->filterHook->Filter(dataSource);
   }
+  HandedChain handed(dataSource);
 
   // One file is held by one dataset: a later dataset of a name that is open
   // already keeps the name aside instead of holding the file a second time.
   bool alreadyOpen = data_->Find(Data::FileNameMatch{fileName}) != data_->items.end();
   SvrDMItemPtr item(new SvrDMItem(id, dataSource, data_->owner, caseSequence,
                                   alreadyOpen ? std::string() : fileName, !silent));
+  // Built: the item owns the chain and deletes it at its end.
+  handed.Release();
   if (hasPassword) item->Password(password, passwordMangled);
   if (alreadyOpen) item->sharedFileName = fileName;
   data_->items.push_back(item);

@@ -184,10 +184,14 @@ void SvrDMItem::LockSavFileInUse() {
 
   ExtNameStr name;
   name.SetGeneric(fileName);
-  lockedFile = name.fsopen("r", 32);
+  // Copied before the file opens: once it is open nothing may fail before
+  // it is recorded, or an exhausted allocator would leave it open for good.
+  std::string heldName = fileName;
+  FILE* file = name.fsopen("r", 32);
   // lockedFileName stays empty, so the next call tries again.
-  if (lockedFile == nullptr) return;
-  lockedFileName = fileName;
+  if (file == nullptr) return;
+  lockedFile = file;
+  lockedFileName.swap(heldName);
 
   // Without a time the file is still held; the base simply stays 0.
   struct stat status;

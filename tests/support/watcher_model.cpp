@@ -98,7 +98,13 @@ bool WatcherModel::ApplyOne(DataSetMsg const& message, std::string* error) {
   } else if (auto const* m = dynamic_cast<FileSpecChangeMsg const*>(&message)) {
     fileSpec = m->GetFileSpec();
   } else if (auto const* m = dynamic_cast<ExtensionsMsg const*>(&message)) {
-    extensions[m->GetExtension()->GetType()] = Payload(m->GetExtension());
+    // Only record 0 can arrive empty: the live source has none any more,
+    // as after its data source was swapped for one without.
+    if (!m->GetExtension().IsValid()) {
+      extensions.erase(0);
+    } else {
+      extensions[m->GetExtension()->GetType()] = Payload(m->GetExtension());
+    }
   } else if (auto const* m = dynamic_cast<TrendsInfoMsg const*>(&message)) {
     trends = m->GetTrendsInfo();
   } else if (auto const* m = dynamic_cast<ResetClientDataMsg const*>(&message)) {
@@ -200,7 +206,11 @@ std::vector<std::string> DescribeQueue(std::vector<DataSetMsg*> const& queue) {
     } else if (auto const* m = dynamic_cast<FileSpecChangeMsg const*>(message)) {
       line << "FileSpec '" << m->GetFileSpec() << "'";
     } else if (auto const* m = dynamic_cast<ExtensionsMsg const*>(message)) {
-      line << "Extension " << m->GetExtension()->GetType();
+      if (m->GetExtension().IsValid()) {
+        line << "Extension " << m->GetExtension()->GetType();
+      } else {
+        line << "Extension 0 removed";
+      }
     } else if (dynamic_cast<TrendsInfoMsg const*>(message) != nullptr) {
       line << "Trends";
     } else if (auto const* m = dynamic_cast<ImputationInfoMsg const*>(message)) {

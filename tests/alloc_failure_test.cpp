@@ -1,0 +1,523 @@
+// Fails every allocation of an operation in turn (k = 1, 2, ... until a run
+// fails nothing), once with only the k-th failing and once with every one
+// from the k-th on, and checks what is promised to survive; then, with
+// memory back, that the registry and the item still work, and that no
+// source, block or file is left over. Also sweeps hostile bootstrap forms.
+#include <dirent.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <new>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "ServerDataManager.h"
+#include "support/failing_new.h"
+#include "support/scratchdir.h"
+#include "support/tracked_source.h"
+#include "support/watcher_model.h"
+
+namespace {
+
+// Written once: a run must leave no block behind, a growing list included.
+std::string const& File(int i) {
+  static ScratchDir dir;
+  static std::vector<std::string> const files = [] {
+    std::vector<std::string> names;
+    for (int n = 0; n < 4; ++n) names.push_back(dir.Write("data-file-with-a-long-name-" + std::to_string(n) + ".csv", "a\n1\n"));
+    return names;
+  }();
+  return files[static_cast<std::size_t>(i)];
+}
+
+std::string Seed(std::string const& name) {
+  std::ifstream in(std::string(SDM_BOOTSTRAP_CORPUS_DIR) + "/" + name, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Counts notices without allocating: failures come from the library alone.
+struct Notices : ServerDataManagerObserver {
+  void DataSetCreated(LocallyUniqueID const&, std::string const&) override { ++created; }
+  void DataSetDeleted(LocallyUniqueID const&) override { ++deleted; }
+  int created = 0, deleted = 0;
+};
+struct Passes : SvrDMDataSetObserver {
+  void DataSetChanged(SvrDMWriteableDataSource const*) override { ++count; }
+  int count = 0;
+};
+// Keeps a clone of every message; a failure leaves it as it was.
+struct KeepingProxy : PackageProxy {
+  void SendToClient(int32_t, VSerializable& message) override {
+    kept.reserve(kept.size() + 1);
+    kept.emplace_back(message.Clone());
+  }
+  std::vector<std::unique_ptr<VSerializable>> kept;
+};
+
+// One run's state: a registry holding a dataset with a file, a silent one
+// and an empty one (identifiers 0, 16, 32), and what a scenario keeps.
+struct World {
+  World() {
+    registry.Register(notices);
+    ids = {registry.Add(*TrackedSource::Chain(2), File(0), false),
+           registry.Add(*TrackedSource::Chain(1), "", true), registry.AddEmpty(false)};
+    for (LocallyUniqueID id : ids) items.push_back(registry.GetDataSet(id).get());
+    notices = Notices();
+    sourcesBefore = TrackedSource::live;
+  }
+  ~World() {
+    delete writer;
+    clone2.reset();
+    clone1.reset();
+    for (QUOR_DataSource* s = callerOwns ? source : nullptr; s != nullptr;) {
+      QUOR_DataSource* parent = s->GetParentSource();
+      delete s;
+      s = parent;
+    }
+    item = nullptr;
+    registry.Clear();
+  }
+  Passes passes;
+  KeepingProxy proxy;
+  ServerDataManager registry;
+  Notices notices;
+  std::vector<LocallyUniqueID> ids;
+  std::vector<SvrDMItem*> items;
+  long sourcesBefore = 0, blocks = 0, deleted = 0;
+  LocallyUniqueID id;
+  TrackedSource* source = nullptr;
+  QUOR_DataSource* next = nullptr;
+  bool callerOwns = false;
+  SvrDMItemPtr item;
+  SvrDMWriteableDataSource* writer = nullptr;  // ended by delete: its end may throw
+  std::unique_ptr<SvrDMCloneDataSource> clone1, clone2;
+  std::vector<SvrDMDataset> all;
+  std::string text, name;
+  SvrBootstrapSpecs specs;
+  std::vector<std::string> before, after;
+};
+
+struct Scenario {
+  std::string name;
+  std::function<void(World&)> prepare, act;
+  std::function<void(World&, bool threw)> check;  // what survives, and that it works
+};
+void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.name; }
+
+// One run with the k-th allocation failing (0: none); returns how many failed.
+long RunOnce(Scenario const& s, long k, bool persistent, long* counted) {
+  long const sources = TrackedSource::live, messages = VUGlobal::LiveBlocks();
+  long const blocks = failing_new::LiveBlocks();
+  int const descriptors = CountOpenDescriptors();
+  long failed = 0;
+  {
+    World w;
+    if (s.prepare) s.prepare(w);
+    failing_new::Arm(k, persistent);
+    bool threw = false;
+    try {
+      s.act(w);
+    } catch (std::bad_alloc const&) {
+      threw = true;
+    }
+    failing_new::Disarm();
+    *counted = failing_new::Counted();
+    failed = failing_new::Failed();
+    EXPECT_TRUE(!threw || failed > 0);
+    s.check(w, threw);
+    // The datasets nobody touched are as they were, and the registry lock is
+    // free for another thread (a held one would hang this test).
+    for (std::size_t i = 1; i < 3; ++i) EXPECT_EQ(w.registry.GetDataSet(w.ids[i]).get(), w.items[i]);
+    LocallyUniqueID added = w.registry.Add(*TrackedSource::Chain(1), "", false);
+    std::thread([&] { EXPECT_TRUE(w.registry.GetDataSet(added).IsValid()); }).join();
+    w.registry.Delete(added);
+  }
+  EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
+  EXPECT_EQ(TrackedSource::destroyedTwice, 0);
+  EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
+  EXPECT_EQ(CountOpenDescriptors(), descriptors) << "files left open";
+  // Not after the first run, which builds what the libraries build once.
+  if (k > 0 && !::testing::Test::HasFailure()) { EXPECT_EQ(failing_new::LiveBlocks(), blocks) << "blocks left over"; }
+  return failed;
+}
+
+// ---------------------------------------------------------------------------
+// The scenarios.
+
+void Hand(World& w, bool replacing) {
+  w.sourcesBefore = TrackedSource::live - (replacing ? 2 : 0);
+  w.source = TrackedSource::Chain(3, 2, 100);
+  w.text = "a password longer than any small buffer";
+}
+
+// A failed add leaves the table as before but for a replaced dataset, hears
+// no creation and deletes the chain it was handed; a generated identifier
+// is used up all the same.
+void ExpectAdded(World& w, bool threw, LocallyUniqueID id, uint32_t nextSerial) {
+  if (threw) {
+    EXPECT_THROW(w.registry.GetDataSet(id), ErrorMsg);
+    EXPECT_EQ(TrackedSource::live, w.sourcesBefore) << "the handed chain was kept or leaked";
+    EXPECT_EQ(w.notices.created, 0);
+  } else {
+    SvrDMItemPtr item = w.registry.GetDataSet(id);
+    EXPECT_EQ(item->dataSource, w.source);
+    EXPECT_EQ(item->fileName.empty(), item->lockedFile == nullptr) << "a named file is not held";
+  }
+  EXPECT_EQ(w.registry.AddEmpty(true), LocallyUniqueID(0, nextSerial)) << "identifier counter";
+}
+
+TrackedSource* StartingSource() {  // eight variables over a file root, which announces its spec
+  TrackedSource* source = new TrackedSource(8, 1);
+  source->SetParentSource(new SystemFileDataSource());
+  source->rows = 3;
+  return source;
+}
+
+void EditEveryWay(TrackedSource& s) {
+  s.DeleteVariables(1, 1);
+  s.InsertVariable(0, QUOR_Variable(LocallyUniqueID(0, 20), "fresh"));
+  QUOR_Variable moved = s.GetVariable(5);
+  s.DeleteVariables(5, 5);
+  s.InsertVariable(2, moved);
+  s.GetVariable(3).SetName("renamed");
+  s.GetVariable(4).SetType(8);
+  s.SetWeightVar(0);
+  s.SetFilterVar(2);
+  int const split[] = {1, 3};
+  s.SetSplit(2, split, true);
+  s.SetLabel("a dataset label");
+  s.SetFileSpec(File(2).c_str());
+  s.RowsPerImputation(2);
+  s.GetTrendsInfo()->SetText("trends");
+  VariableSetImpl set;
+  set.members = {s.GetVariable(0).GetID()};
+  s.SetMRSets({set});
+  s.SetVariableSets({set, set});
+  DatasourceAttributes attributes;
+  attributes.Set("key", "value");
+  s.SetAttributes(attributes);
+  s.SetExtension(QUOR_DataSource::Extension(0, "payload"));
+  s.rows = 5;
+}
+
+// A dataset whose snapshot is settled, then edited in every way.
+void Edited(World& w) {
+  w.source = StartingSource();
+  w.item = w.registry.GetDataSet(w.registry.Add(*w.source, "", true));
+  w.item->observerView.Update();
+  w.item->ClearNotifications();
+  EditEveryWay(*w.source);
+}
+
+std::vector<std::string> Lines(std::vector<DataSetMsg*> const& queue) {
+  std::vector<std::string> lines = DescribeQueue(queue);  // a pending client reset may come early
+  lines.erase(std::remove_if(lines.begin(), lines.end(),
+                             [](std::string const& l) { return l.rfind("ResetClient", 0) == 0; }),
+              lines.end());
+  return lines;
+}
+
+// What a view equal to the item's snapshot queues against its live source.
+std::vector<std::string> FromSnapshot(World& w) {
+  auto* live = new TrackedSource();
+  live->SetParentSource(new SystemFileDataSource());
+  live->CopyDictionary(w.item->observerView.Snapshot());
+  live->rows = w.item->observerView.RowCountSeen();
+  SvrDMItemPtr twin(new SvrDMItem(LocallyUniqueID(0, 99), live, nullptr, 0, "", true));
+  twin->observerView.Update();
+  twin->ClearNotifications();
+  live->CopyDictionary(*w.source);
+  live->rows = w.source->rows;
+  twin->observerView.Update();
+  return Lines(twin->notifications);
+}
+
+// Messages queued before a failure stay; the snapshot keeps the changes
+// made, so the next Update queues exactly what is still different from it
+// (a step whose message went out just before its change failed is announced
+// again: the message is queued first), and the one after that nothing.
+void CheckUpdate(World& w, bool threw) {
+  if (threw) {
+    std::vector<std::string> const stillDifferent = FromSnapshot(w);
+    w.item->ClearNotifications();
+    w.item->observerView.Update();
+    EXPECT_EQ(Lines(w.item->notifications), stillDifferent);
+  }
+  w.item->ClearNotifications();
+  w.item->observerView.Update();
+  EXPECT_TRUE(w.item->notifications.empty()) << "a quiet Update queued something";
+}
+
+// Bootstrap fields in the order of the form, as texts; doubles by their bits.
+std::vector<std::string> Fields(SvrBootstrapSpecs const& s) {
+  auto join = [](auto const& list) {
+    std::string text;
+    for (auto const& item : list) text += std::to_string(item) + ",";
+    return text;
+  };
+  auto bits = [](double d) { uint64_t b; std::memcpy(&b, &d, 8); return std::to_string(b); };
+  std::string pairs;
+  for (auto const& p : s.GetAuxPairList()) pairs += bits(p.first) + ":" + std::to_string(p.second) + ",";
+  return {std::to_string(s.GetSamplingMethod()), join(s.GetStrataVarList()), join(s.GetDependVarList()),
+          join(s.GetInputVarList()), join(s.GetPredictedVarList()), join(s.GetResidualVarList()),
+          join(s.GetAuxIndexList()), pairs, bits(s.GetCILevelPct()), std::to_string(s.GetCIType()),
+          std::to_string(s.GetNSamples()), std::to_string(s.GetExcludeUserMiss())};
+}
+
+SvrBootstrapSpecs Held() {
+  SvrBootstrapSpecs held;
+  held.SetSamplingMethod(SvrBootstrapSpecs::Wild);
+  for (auto set : {&SvrBootstrapSpecs::SetStrataVarList, &SvrBootstrapSpecs::SetDependVarList,
+                   &SvrBootstrapSpecs::SetInputVarList, &SvrBootstrapSpecs::SetPredictedVarList,
+                   &SvrBootstrapSpecs::SetResidualVarList}) {
+    (held.*set)({-1, -2});
+  }
+  held.SetCILevelPct(12.5);
+  held.SetNSamples(-7);
+  held.SetExcludeUserMiss(false);
+  return held;
+}
+
+Scenario SetDataSetCase(std::string name, int which) {
+  // 0 null over null, 1 a first source, 2 the same head, 3 an ancestor,
+  // 4 a descendant, 5 an unrelated source, 6 null.
+  auto prepare = [which](World& w) {
+    bool const empty = which < 2;
+    w.source = empty ? nullptr : TrackedSource::Chain(3, 2, 100);
+    w.item = w.registry.GetDataSet(empty ? w.registry.AddEmpty(true) : w.registry.Add(*w.source, File(3), true));
+    w.item->FileName(File(3));
+    switch (which) {
+      case 2: w.next = w.source; break;
+      case 3: w.next = w.source->GetParentSource(); break;
+      case 1: case 4: w.next = TrackedSource::Chain(1, 2, 200); break;
+      case 5: w.next = TrackedSource::Chain(2, 2, 200); break;
+      default: w.next = nullptr;
+    }
+    if (which == 4) w.next->SetParentSource(w.source);
+    w.deleted = which == 3 ? 1 : which >= 5 ? 3 : 0;
+    w.sourcesBefore = TrackedSource::live;
+    w.blocks = VUGlobal::LiveBlocks();
+    w.writer = new SvrDMWriteableDataSource(w.item, false, nullptr);
+  };
+  // The head changes and what it no longer reaches goes, whatever fails; a
+  // reset message is queued whole or not at all; after a failure with an
+  // old source the file is not held.
+  auto check = [](World& w, bool threw) {
+    bool const hadSource = w.source != nullptr;
+    EXPECT_EQ(w.item->dataSource, w.next);
+    EXPECT_EQ(TrackedSource::live, w.sourcesBefore - w.deleted) << "sources deleted wrongly";
+    EXPECT_EQ(VUGlobal::LiveBlocks(), w.blocks + static_cast<long>(w.item->notifications.size()));
+    EXPECT_TRUE(threw ? w.item->notifications.size() <= 1 : w.item->notifications.size() == (hadSource ? 1u : 0u));
+    if (threw && hadSource) { EXPECT_EQ(w.item->lockedFile, nullptr); }
+    if (!threw) { EXPECT_EQ(w.item->lockedFile != nullptr, w.next != nullptr); }
+    delete std::exchange(w.writer, nullptr);
+    SvrDMWriteableDataSource again(w.item, true, nullptr);
+    again.SetDataSet(TrackedSource::Chain(2, 1, 300));
+    EXPECT_NE(w.item->lockedFile, nullptr) << "the file is not held again";
+  };
+  return {std::move(name), prepare, [](World& w) { w.writer->SetDataSet(w.next); }, check};
+}
+
+Scenario CloneCase(std::string name, bool copy) {
+  auto prepare = [copy](World& w) {
+    w.source = TrackedSource::Chain(3, 4, 100);
+    w.source->rows = 7;
+    w.sourcesBefore = TrackedSource::live;
+    if (copy) w.clone1.reset(new SvrDMCloneDataSource(w.source));
+    if (copy) w.clone1->DeleteVariables(0, 0);  // the copy takes this dictionary
+  };
+  auto act = [copy](World& w) {
+    if (copy) w.clone2.reset(new SvrDMCloneDataSource(*w.clone1));
+    if (!copy) w.clone1.reset(new SvrDMCloneDataSource(w.source));
+  };
+  // A failed construction leaves the chain wholly the caller's or wholly
+  // gone; a failed copy leaves the first clone and the source as they were.
+  auto check = [copy](World& w, bool threw) {
+    long const live = TrackedSource::live;
+    w.callerOwns = threw && !copy && live == w.sourcesBefore;
+    EXPECT_TRUE(live == w.sourcesBefore || (threw && !copy && live == w.sourcesBefore - 3));
+    SvrDMCloneDataSource* made = (copy ? w.clone2 : w.clone1).get();
+    if (!threw) { EXPECT_EQ(made->ColumnCount(), 3u + (copy ? 0 : 1)); }
+    if (made != nullptr) { EXPECT_EQ(made->RowCount(), 7); }
+    if (copy) { EXPECT_EQ(w.clone1->RowCount(), 7); }
+  };
+  return {std::move(name), prepare, act, check};
+}
+
+std::vector<Scenario> const& Scenarios() {
+  static std::vector<Scenario> const all = {
+      {"AddEmpty", nullptr, [](World& w) { w.id = w.registry.AddEmpty(false); },
+       [](World& w, bool threw) { ExpectAdded(w, threw, LocallyUniqueID(0, 3), 4); }},
+      {"Add", [](World& w) { Hand(w, false); },
+       [](World& w) { w.id = w.registry.Add(*w.source, File(1), false); },
+       [](World& w, bool threw) { ExpectAdded(w, threw, LocallyUniqueID(0, 3), 4); }},
+      {"AddWithPasswordOfAHeldFile",
+       [](World& w) {
+         Hand(w, false);
+         w.name = File(0);
+         std::transform(w.name.begin(), w.name.end(), w.name.begin(), ::toupper);
+       },
+       [](World& w) { w.id = w.registry.Add(*w.source, w.name, w.text, true, false); },
+       [](World& w, bool threw) { ExpectAdded(w, threw, LocallyUniqueID(0, 3), 4); }},
+      {"AddWithIdentifier", [](World& w) { Hand(w, true); },
+       [](World& w) { w.registry.Add(*w.source, File(0), false, w.ids[0], 7); },
+       [](World& w, bool threw) {
+         EXPECT_EQ(w.notices.deleted, 1) << "the replaced dataset is announced gone";
+         ExpectAdded(w, threw, w.ids[0], 3);
+       }},
+      {"GetAllDatasets", nullptr, [](World& w) { w.all = w.registry.GetAllDatasets(); },
+       [](World& w, bool threw) { EXPECT_EQ(w.all.size(), threw ? 0u : 3u); }},
+      {"ReportWithAProxy",
+       [](World& w) {
+         w.item = w.registry.GetDataSet(w.ids[0]);
+         w.item->InitializeErrorMonitor(&w.proxy);
+         w.blocks = VUGlobal::LiveBlocks();
+       },
+       [](World& w) { w.item->GetErrorMonitor()->Report(ErrorText{"a warning longer than a small buffer", 2, 7}); },
+       [](World& w, bool threw) {
+         InteractiveErrorMonitor* monitor = w.item->GetErrorMonitor();
+         EXPECT_TRUE(monitor->GetProxy() == &w.proxy && monitor->GetDataSetID() == w.ids[0]);
+         EXPECT_EQ(w.proxy.kept.size(), threw ? 0u : 1u);
+         EXPECT_EQ(VUGlobal::LiveBlocks(), w.blocks + static_cast<long>(w.proxy.kept.size()));
+         monitor->Report(ErrorText{"an error", 1, 0});
+         ASSERT_FALSE(w.proxy.kept.empty());
+         EXPECT_EQ(static_cast<ReportedErrorMsg&>(*w.proxy.kept.back()).GetText(), "an error");
+       }},
+      {"EndOfAWriteAccessFindingEveryDifference",
+       [](World& w) {
+         Edited(w);
+         w.item->Register(w.passes);
+         w.writer = new SvrDMWriteableDataSource(w.item, false, nullptr);
+       },
+       [](World& w) { delete std::exchange(w.writer, nullptr); },
+       // However the end failed, the lock and the counters are let go.
+       [](World& w, bool threw) {
+         EXPECT_EQ(w.item->writersCount + w.item->readersCount, 0);
+         std::thread([&] { EXPECT_TRUE(SvrDMInputDataSource(w.item, true).HasDataSource()); }).join();
+         EXPECT_EQ(w.passes.count, threw ? 0 : 1);
+         CheckUpdate(w, threw);
+         w.item->Unregister(w.passes);
+       }},
+      SetDataSetCase("SetDataSetNullOverNull", 0), SetDataSetCase("SetDataSetFirstSource", 1),
+      SetDataSetCase("SetDataSetSameHead", 2), SetDataSetCase("SetDataSetAncestor", 3),
+      SetDataSetCase("SetDataSetDescendant", 4), SetDataSetCase("SetDataSetUnrelated", 5),
+      SetDataSetCase("SetDataSetNull", 6), CloneCase("CloneConstruction", false), CloneCase("CloneCopy", true),
+      {"DeserializeSpecsIntoAFullRecord",
+       [](World& w) {
+         w.text = Seed("rich_le");
+         w.specs = Held();
+         w.before = Fields(w.specs);
+         SvrBootstrapSpecs whole = w.specs;
+         SvrBootstrapSpecsSerializer::deserializeSpecs(w.text, whole);
+         w.after = Fields(whole);
+       },
+       [](World& w) { SvrBootstrapSpecsSerializer::deserializeSpecs(w.text, w.specs); },
+       // Fields read before the failure are new, those after it old, each whole.
+       [](World& w, bool) {
+         std::vector<std::string> now = Fields(w.specs);
+         std::size_t i = 0;
+         while (i < now.size() && now[i] == w.after[i]) ++i;
+         for (; i < now.size(); ++i) EXPECT_EQ(now[i], w.before[i]) << "field " << i;
+       }},
+  };
+  return all;
+}
+
+class AllocationFailure : public ::testing::TestWithParam<Scenario> {};
+
+TEST_P(AllocationFailure, EveryAllocationFailedInTurn) {
+  for (bool persistent : {false, true}) {
+    long counted = 0, k = 0;
+    RunOnce(GetParam(), 0, persistent, &counted);
+    while (!HasFailure() && ++k < 20000) {
+      SCOPED_TRACE("allocation " + std::to_string(k) + (persistent ? " and later ones" : "") + " failing");
+      if (RunOnce(GetParam(), k, persistent, &counted) == 0) break;
+    }
+    std::printf("[ injection ] %-40s %-10s %3ld points\n", GetParam().name.c_str(),
+                persistent ? "persistent" : "transient", k - 1);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Scenarios, AllocationFailure, ::testing::ValuesIn(Scenarios()),
+                         [](auto const& info) { return info.param.name; });
+
+// ---------------------------------------------------------------------------
+// Every truncation and every count field of every bootstrap seed.
+
+TEST(BootstrapSweep, KeepsWhatFitsWholeAndNeverOverAllocates) {
+  long reads = 0;
+  auto read = [&reads](std::string const& form, SvrBootstrapSpecs specs) {
+    failing_new::Arm(0, false);
+    SvrBootstrapSpecsSerializer::deserializeSpecs(form, specs);
+    failing_new::Disarm();
+    ++reads;
+    EXPECT_LE(failing_new::LargestRequest(), 2 * form.size() + 256) << "for " << form.size() << " bytes";
+    return specs;
+  };
+  DIR* listing = opendir(SDM_BOOTSTRAP_CORPUS_DIR);
+  ASSERT_NE(listing, nullptr);
+  while (dirent const* entry = readdir(listing)) {
+    if (entry->d_name[0] == '.') continue;
+    std::string const form = Seed(entry->d_name);
+    // A mark other than 1, read in this (little-endian) machine's order,
+    // means the other order.
+    bool const big = form.size() >= 2 && !(form[0] == 1 && form[1] == 0);
+    auto number = [&](std::size_t at, int width) {
+      uint64_t v = 0;
+      for (int i = 0; i < width; ++i) v |= uint64_t{static_cast<unsigned char>(form[at + i])} << 8 * (big ? width - 1 - i : i);
+      return v;
+    };
+    // The layout: where each field that fits whole ends, and every list
+    // count there is to read, with its item width and field.
+    int const widths[] = {4, -4, -4, -4, -4, -4, -4, -12, 8, 4, 4, 1};  // negative: a list of such items
+    std::vector<std::size_t> ends;
+    struct Count { std::size_t offset, width; };
+    std::vector<Count> counts;
+    std::size_t at = 6;
+    bool fits = form.size() >= 6 && number(2, 4) == 1;
+    for (std::size_t f = 0; fits && f < 12; ++f) {
+      std::size_t const width = static_cast<std::size_t>(std::abs(widths[f]));
+      if (widths[f] < 0 && (fits = form.size() - at >= 4)) {
+        counts.push_back({at, width});
+        fits = number(at, 4) <= (form.size() - at - 4) / width;
+        if (fits) at += 4 + number(at, 4) * width;
+      } else if (widths[f] > 0 && (fits = form.size() - at >= width)) {
+        at += width;
+      }
+      if (fits) ends.push_back(at);
+    }
+    for (SvrBootstrapSpecs const& start : {SvrBootstrapSpecs(), Held()}) {
+      std::vector<std::string> const before = Fields(start), whole = Fields(read(form, start));
+      for (std::size_t length = 0; length <= form.size(); ++length) {
+        std::vector<std::string> cut = Fields(read(form.substr(0, length), start));
+        for (std::size_t f = 0; f < cut.size(); ++f) {
+          bool const whole_field = f < ends.size() && ends[f] <= length;
+          EXPECT_EQ(cut[f], whole_field ? whole[f] : before[f]) << entry->d_name << " cut to " << length;
+        }
+      }
+      // A count that promises more than is left stops the read there.
+      for (Count const& count : counts) {
+        uint64_t const remain = (form.size() - count.offset - 4) / count.width;
+        for (uint64_t value : {uint64_t{0}, uint64_t{1}, remain, remain + 1, uint64_t{1} << 31, uint64_t{0xFFFFFFFF}}) {
+          std::string altered = form;
+          for (int i = 0; i < 4; ++i) altered[count.offset + i] = static_cast<char>(value >> 8 * (big ? 3 - i : i));
+          SvrBootstrapSpecs const got = read(altered, start), stopped = read(form.substr(0, count.offset), start);
+          if (value > remain) { EXPECT_TRUE(got.IdenticalTo(stopped)) << entry->d_name << " count at " << count.offset; }
+        }
+      }
+    }
+  }
+  closedir(listing);
+  std::printf("[ sweep     ] %ld reads of truncated and altered seeds\n", reads);
+}
+
+}  // namespace
