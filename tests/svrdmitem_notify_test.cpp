@@ -1,5 +1,5 @@
+// The notify pass at the end of a write access.
 #include <atomic>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -12,359 +12,143 @@
 
 namespace {
 
-// Records, for each DataSetChanged, its name and the labels of the queue as
-// seen through the write access it was given.
-class RecordingDataSetObserver : public SvrDMDataSetObserver {
- public:
-  RecordingDataSetObserver(std::string name, std::vector<std::string>* log)
-      : name_(std::move(name)), log_(log) {}
-
-  void DataSetChanged(SvrDMWriteableDataSource const* source) override {
-    lastSource = source;
-    std::string entry = name_ + ":";
-    for (DataSetMsg* message : source->GetNotifications()) entry += " " + MessageLabel(message);
-    log_->push_back(entry);
-    if (onChanged) onChanged(source);
-  }
-
-  SvrDMWriteableDataSource const* lastSource = nullptr;
-  std::function<void(SvrDMWriteableDataSource const*)> onChanged;
-
- private:
-  std::string name_;
-  std::vector<std::string>* log_;
-};
-
-class CreationLog : public ServerDataManagerObserver {
- public:
-  explicit CreationLog(std::vector<std::string>* log) : log_(log) {}
-  void DataSetCreated(LocallyUniqueID const& id, std::string const&) override {
-    log_->push_back("created " + std::to_string(id.ToWord()));
-  }
-  void DataSetDeleted(LocallyUniqueID const&) override {}
-
- private:
-  std::vector<std::string>* log_;
-};
+using Log = std::vector<std::string>;
 
 class NotifyTest : public ::testing::Test {
  protected:
-  NotifyTest() {
-    id_ = registry_.Add(*new ProbeSource(&sourcesDestroyed_), "notify.sav", false);
-    item_ = registry_.GetDataSet(id_);
-    SettleSnapshot(item_);
+  NotifyTest() { SettleSnapshot(item_); }
+
+  SvrDMItemPtr Item(LocallyUniqueID id) { return registry_.GetDataSet(id); }
+  // One write access that queues a message per label and leaves out `skip`.
+  void Write(SvrDMItemPtr& item, std::vector<std::string> const& labels,
+             SvrDMDataSetObserver* skip = nullptr) {
+    SvrDMWriteableDataSource writer(item, false, skip);
+    for (std::string const& label : labels) {
+      writer.AddNotification(new ProbeMessage(label, &messagesDestroyed_));
+    }
   }
 
-  ProbeMessage* Message(std::string label) {
-    return new ProbeMessage(std::move(label), &messagesDestroyed_);
-  }
-
-  ServerDataManager registry_;
-  LocallyUniqueID id_;
-  SvrDMItemPtr item_;
   std::atomic<int> sourcesDestroyed_{0};
   int messagesDestroyed_ = 0;
-  std::vector<std::string> log_;
-  RecordingDataSetObserver a_{"A", &log_};
-  RecordingDataSetObserver b_{"B", &log_};
+  ServerDataManager registry_;
+  LocallyUniqueID id_ = registry_.Add(*new ProbeSource(&sourcesDestroyed_), "", false);
+  SvrDMItemPtr item_ = Item(id_);
+  Log log_;
+  Listener a_{"A", &log_};
+  Listener b_{"B", &log_};
 };
 
-TEST_F(NotifyTest, WriteAccessThatQueuedNothingTellsNobody) {
-  item_->Register(a_);
-  { SvrDMWriteableDataSource writer(item_, false, nullptr); }
-  EXPECT_TRUE(log_.empty());
+TEST_F(NotifyTest, PassTellsEachRegistrationButTheSkippedOneThenDeletesTheQueue) {
+  struct Case {
+    char const* what;
+    std::vector<Listener*> registered;
+    Listener* skip;
+    std::vector<std::string> queued;
+    Log heard;
+  };
+  std::vector<Case> const cases = {
+      {"nothing queued", {&a_}, nullptr, {}, {}},
+      {"in order of arrival", {&a_}, nullptr, {"m1", "m2"}, {"A: m1 m2"}},
+      {"skipped", {&a_, &b_}, &a_, {"m"}, {"B: m"}},
+      {"registered twice", {&a_, &b_, &a_}, nullptr, {"m"}, {"A: m", "B: m", "A: m"}},
+      // Follows the double registration: one Unregister removed both entries.
+      {"nobody registered", {}, nullptr, {"m"}, {}},
+  };
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.what);
+    log_.clear();
+    messagesDestroyed_ = 0;
+    for (Listener* observer : c.registered) item_->Register(*observer);
+    Write(item_, c.queued, c.skip);
+    EXPECT_EQ(log_, c.heard);
+    EXPECT_TRUE(item_->notifications.empty());
+    EXPECT_EQ(messagesDestroyed_, static_cast<int>(c.queued.size()));
+    item_->Unregister(a_);
+    item_->Unregister(b_);
+  }
 }
 
-TEST_F(NotifyTest, ObserversReadTheQueueInOrderThroughTheWriterAndItIsEmptiedAfter) {
-  item_->Register(a_);
-  SvrDMWriteableDataSource const* writerAddress = nullptr;
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writerAddress = &writer;
-    writer.AddNotification(Message("m1"));
-    writer.AddNotification(Message("m2"));
-    EXPECT_EQ(&writer.GetNotifications(), &item_->notifications);
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m1 m2"}));
-  EXPECT_EQ(a_.lastSource, writerAddress);
-  EXPECT_TRUE(item_->notifications.empty());
-  EXPECT_EQ(messagesDestroyed_, 2);
-}
-
-TEST_F(NotifyTest, SkippedObserverHearsNothingFromThatWriterOnly) {
-  item_->Register(a_);
-  item_->Register(b_);
-  {
-    SvrDMWriteableDataSource writer(item_, false, &a_);
-    writer.AddNotification(Message("m1"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"B: m1"}));
-  log_.clear();
-  {
-    SvrDMWriteableDataSource writer(item_, false, &b_);
-    writer.AddNotification(Message("m2"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m2"}));
-  log_.clear();
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m3"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m3", "B: m3"}));
-}
-
-TEST_F(NotifyTest, ObserverRegisteredTwiceHearsTwiceAndOneUnregisterRemovesBoth) {
-  SvrDMDataset handle(item_);
-  handle.Register(a_);
-  handle.Register(b_);
-  handle.Register(a_);
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m", "B: m", "A: m"}));
-  log_.clear();
-  handle.Unregister(a_);
-  handle.Unregister(a_);  // no longer registered: no error
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("n"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"B: n"}));
-}
-
-TEST_F(NotifyTest, ExplicitNotifyDeliversSoFarAndTheEndOnlyWhatCameSince) {
-  item_->Register(a_);
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m1"));
-    writer.Notify();
-    EXPECT_EQ(log_, (std::vector<std::string>{"A: m1"}));
-    EXPECT_TRUE(writer.GetNotifications().empty());
-  }
-  EXPECT_EQ(log_.size(), 1u);
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m2"));
-    writer.Notify();
-    writer.AddNotification(Message("m3"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m1", "A: m2", "A: m3"}));
-}
-
-TEST_F(NotifyTest, ClearedQueueIsDeletedUnseen) {
-  item_->Register(a_);
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m1"));
-    writer.AddNotification(nullptr);  // null entries are passed over
-    writer.AddNotification(Message("m2"));
-    writer.ClearNotifications();
-    EXPECT_EQ(messagesDestroyed_, 2);
-    EXPECT_TRUE(writer.GetNotifications().empty());
-    writer.ClearNotifications();  // an empty queue: nothing to do
-  }
-  EXPECT_TRUE(log_.empty());
-}
-
-TEST_F(NotifyTest, NullEntryReachesObserversAndIsPassedOverWhenEmptied) {
-  item_->Register(a_);
-  {
-    SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(nullptr);
-    writer.AddNotification(Message("m"));
-  }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: null m"}));
-  EXPECT_EQ(messagesDestroyed_, 1);
-}
-
-TEST_F(NotifyTest, WithNoObserversTheQueueIsDeletedUndelivered) {
-  {
-    SvrDMWriteableDataSource writer(item_, false, &a_);
-    writer.AddNotification(Message("m"));
-  }
-  EXPECT_TRUE(item_->notifications.empty());
-  EXPECT_EQ(messagesDestroyed_, 1);
-}
-
-TEST_F(NotifyTest, ObserverRunsUnderTheWriteLockWithTheWriterCounted) {
-  int triesRefused = 0;
+// Waiting writers are counted too; that step is seen across threads in the
+// access lock's tests.
+TEST_F(NotifyTest, WriteAccessCountsOneWriterAndNoReaderAndHoldsTheLockUntilObserversRan) {
+  bool lockWasFree = true;
   a_.onChanged = [&](SvrDMWriteableDataSource const* source) {
     EXPECT_EQ(source->WritersCount(), 1);
     EXPECT_EQ(source->ReadersCount(), 0);
-    // The lock is still the writer's: another thread's try fails.
-    std::thread other([&] {
-      try {
-        SvrDMWriteableDataSource intruder(registry_, id_, true, nullptr);
-      } catch (int code) {
-        if (code == 55) ++triesRefused;
-      }
-    });
-    other.join();
+    std::thread([&] {
+      lockWasFree = item_->AcquireWriteLock(true);
+      item_->ReleaseLock();
+    }).join();
   };
   item_->Register(a_);
   {
     SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m"));
+    EXPECT_EQ(writer.WritersCount(), 1);
+    EXPECT_EQ(writer.ReadersCount(), 0);
+    writer.AddNotification(new ProbeMessage("m", &messagesDestroyed_));
   }
-  EXPECT_EQ(triesRefused, 1);
+  EXPECT_FALSE(lockWasFree) << "the lock was given back before the observers ran";
   EXPECT_EQ(item_->writersCount, 0);
   EXPECT_EQ(item_->readersCount, 0);
 }
 
-TEST_F(NotifyTest, ThrowingObserverLeavesTheQueueAndTheEndStillReleases) {
+TEST_F(NotifyTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
+  SvrDMItemPtr announced = Item(registry_.Add(*new ProbeSource(&sourcesDestroyed_), "", false));
+  SvrDMItemPtr silent = Item(registry_.AddEmpty(true));
+  SvrDMItemPtr creationDue = Item(registry_.AddEmpty(false));
+  for (SvrDMItemPtr item : {announced, silent, creationDue}) Write(item, {});
+  int64_t const neverUpdated = -2;
+  EXPECT_EQ(announced->observerView.RowCountSeen(), neverUpdated);
+  EXPECT_EQ(silent->observerView.RowCountSeen(), neverUpdated);
+  EXPECT_NE(creationDue->observerView.RowCountSeen(), neverUpdated);
+  announced->Register(a_);  // a dataset observer makes it worth it
+  Write(announced, {});
+  EXPECT_NE(announced->observerView.RowCountSeen(), neverUpdated);
+}
+
+TEST_F(NotifyTest, ThrowingObserverStillSettlesCountersAndReleasesAndItsExceptionPasses) {
   registry_.Delete(id_);  // from here on this test and the writer alone hold the item
   item_->Register(a_);
   item_->Register(b_);
-  a_.onChanged = [](SvrDMWriteableDataSource const*) {
-    throw std::runtime_error("observer failed");
-  };
-  EXPECT_THROW(
-      {
-        SvrDMWriteableDataSource writer(item_, false, nullptr);
-        writer.AddNotification(Message("m"));
-      },
-      std::runtime_error);
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m"}));  // B never reached
-  EXPECT_EQ(item_->notifications.size(), 1u);
-  EXPECT_EQ(messagesDestroyed_, 0);
+  a_.onChanged = [](SvrDMWriteableDataSource const*) { throw std::runtime_error("observer"); };
+  EXPECT_THROW(Write(item_, {"m"}), std::runtime_error);
+  EXPECT_EQ(log_, (Log{"A: m"}));  // B never reached
   EXPECT_EQ(item_->writersCount, 0);
   EXPECT_EQ(item_->readersCount, 0);
   EXPECT_EQ(item_->IsShared(), 0) << "the writer's reference must be gone";
 
-  // The lock is free again, and the next pass delivers what stayed.
-  a_.onChanged = nullptr;
-  log_.clear();
-  { SvrDMWriteableDataSource writer(item_, true, nullptr); }
-  EXPECT_EQ(log_, (std::vector<std::string>{"A: m", "B: m"}));
-  EXPECT_EQ(messagesDestroyed_, 1);
-}
-
-TEST_F(NotifyTest, WriterEndingDuringAnotherExceptionLetsThatOneGoOn) {
-  item_->Register(a_);
-  a_.onChanged = [](SvrDMWriteableDataSource const*) {
-    throw std::runtime_error("observer failed");
-  };
+  // Ending while another exception unwinds: that one goes on.
   try {
     SvrDMWriteableDataSource writer(item_, false, nullptr);
-    writer.AddNotification(Message("m"));
-    throw std::logic_error("procedure failed");
+    writer.AddNotification(new ProbeMessage("n", &messagesDestroyed_));
+    throw std::logic_error("procedure");
   } catch (std::logic_error const&) {
   }
-  EXPECT_EQ(item_->notifications.size(), 1u);
   EXPECT_EQ(item_->writersCount, 0);
   EXPECT_EQ(item_->readersCount, 0);
+
+  // The lock is free, and what was not delivered went nowhere.
   a_.onChanged = nullptr;
-  { SvrDMWriteableDataSource writer(item_, true, nullptr); }
-  EXPECT_EQ(messagesDestroyed_, 1);
+  log_.clear();
+  EXPECT_EQ(TryWrite(item_), 0);
+  EXPECT_EQ(log_, (Log{"A: m n", "B: m n"}));
+  EXPECT_EQ(messagesDestroyed_, 2);
 }
 
 TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) {
-  std::vector<std::string> events;
-  CreationLog creations(&events);
-  registry_.Register(creations);
-  LocallyUniqueID id = registry_.AddEmpty(false);
-  SvrDMItemPtr item = registry_.GetDataSet(id);
+  registry_.Register(a_);
+  SvrDMItemPtr item = Item(registry_.AddEmpty(false));
   SettleSnapshot(item);
-  EXPECT_FALSE(item->createNotified);
-  RecordingDataSetObserver watcher("W", &events);
-  item->Register(watcher);
-
-  {  // a message but no source: the notice waits
+  item->Register(a_);
+  Write(item, {"m1"});  // a message but no source: the notice waits
+  {                     // a source that reads like the empty snapshot: nothing queued, no notice
     SvrDMWriteableDataSource writer(item, false, nullptr);
-    writer.AddNotification(Message("m1"));
+    writer.SetDataSet(new ProbeSource(&sourcesDestroyed_));
   }
-  EXPECT_EQ(events, (std::vector<std::string>{"W: m1"}));
-  EXPECT_FALSE(item->createNotified);
-
-  {  // a source that reads like the empty snapshot: nothing queued, no notice
-    SvrDMWriteableDataSource writer(item, false, nullptr);
-    item->dataSource = new ProbeSource(&sourcesDestroyed_);
-  }
-  EXPECT_EQ(events.size(), 1u);
-  EXPECT_FALSE(item->createNotified);
-
-  {  // the source gains a variable: the snapshot update queues it, and the
-     // registry hears of the dataset before its own observers hear of that
-    SvrDMWriteableDataSource writer(item, false, nullptr);
-    unsigned int position = 0;
-    writer->MakeVariable(QUOR_Variable(LocallyUniqueID(0, 1), "age"), &position);
-  }
-  ASSERT_EQ(events.size(), 3u);
-  EXPECT_EQ(events[1], "created 16");
-  EXPECT_EQ(events[2].rfind("W: ", 0), 0u);
-  EXPECT_TRUE(item->createNotified);
-
-  {  // once only
-    SvrDMWriteableDataSource writer(item, false, nullptr);
-    writer.AddNotification(Message("m3"));
-  }
-  EXPECT_EQ(events.back(), "W: m3");
-  EXPECT_EQ(events.size(), 4u);
-  item->Unregister(watcher);
-  registry_.Unregister(creations);
-}
-
-TEST_F(NotifyTest, SilentDatasetIsNeverAnnouncedByAPass) {
-  std::vector<std::string> events;
-  CreationLog creations(&events);
-  registry_.Register(creations);
-  LocallyUniqueID id = registry_.AddEmpty(true);
-  SvrDMItemPtr item = registry_.GetDataSet(id);
-  {
-    SvrDMWriteableDataSource writer(item, false, nullptr);
-    item->dataSource = new ProbeSource(&sourcesDestroyed_);
-    writer.AddNotification(Message("m"));
-  }
-  EXPECT_TRUE(events.empty());
-  EXPECT_FALSE(item->createNotified);
-  registry_.Unregister(creations);
-}
-
-TEST(NotifyPassTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
-  ServerDataManager registry;
-  std::atomic<int> destroyed{0};
-  auto endWriteAccess = [](SvrDMItemPtr& item) {
-    SvrDMWriteableDataSource writer(item, false, nullptr);
-  };
-  int64_t const neverUpdated = -2;
-
-  // Announced at its add already, and nobody watches: the snapshot is left alone.
-  SvrDMItemPtr announced =
-      registry.GetDataSet(registry.Add(*new ProbeSource(&destroyed), "", false));
-  endWriteAccess(announced);
-  EXPECT_EQ(announced->observerView.RowCountSeen(), neverUpdated);
-
-  // A silent empty dataset owes nobody anything either.
-  SvrDMItemPtr silent = registry.GetDataSet(registry.AddEmpty(true));
-  endWriteAccess(silent);
-  EXPECT_EQ(silent->observerView.RowCountSeen(), neverUpdated);
-
-  // An announced empty dataset still owes its creation notice.
-  SvrDMItemPtr empty = registry.GetDataSet(registry.AddEmpty(false));
-  endWriteAccess(empty);
-  EXPECT_NE(empty->observerView.RowCountSeen(), neverUpdated);
-
-  // A dataset observer makes the pass worth it.
-  std::vector<std::string> log;
-  RecordingDataSetObserver watcher("W", &log);
-  announced->Register(watcher);
-  endWriteAccess(announced);
-  EXPECT_NE(announced->observerView.RowCountSeen(), neverUpdated);
-  EXPECT_FALSE(log.empty());
-  announced->Unregister(watcher);
-}
-
-TEST_F(NotifyTest, OriginatorIsStoredAndCaseSequenceAdvancesAtOnce) {
-  SvrDMDataset handle(item_);
-  SvrDMWriteableDataSource writer(item_, false, nullptr);
-  writer.Originator(42u);
-  EXPECT_EQ(item_->originator, 42u);
-  unsigned int before = handle.GetCaseSequence();
-  writer.IncrementCaseSequence();
-  EXPECT_EQ(handle.GetCaseSequence(), before + 1);
-  writer.UndoIncrementCaseSequence();
-  EXPECT_EQ(handle.GetCaseSequence(), before + 2);
+  EXPECT_EQ(log_, (Log{"A: m1"}));
+  Write(item, {"m2"});  // the registry hears before the dataset's observers
+  Write(item, {"m3"});  // and only once
+  EXPECT_EQ(log_, (Log{"A: m1", "A created 16 ", "A: m2", "A: m3"}));
 }
 
 }  // namespace

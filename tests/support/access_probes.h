@@ -1,86 +1,81 @@
 // Small stand-ins for the tests of access and notification: a data source and
-// a message that report their end, and a one-shot latch to order threads.
+// a message that count their end, and an observer that logs what it hears.
 #ifndef SDM_TESTS_SUPPORT_ACCESS_PROBES_H
 #define SDM_TESTS_SUPPORT_ACCESS_PROBES_H
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
+#include <functional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "ServerDataManager.h"
 
 // A root data source that counts its destruction in `*destroyed`, which must
 // outlive it.
-class ProbeSource : public QUOR_DataSource {
- public:
-  explicit ProbeSource(std::atomic<int>* destroyed)
-      : QUOR_DataSource(nullptr), destroyed_(destroyed) {}
-  ~ProbeSource() override { ++*destroyed_; }
-
- private:
-  std::atomic<int>* destroyed_;
+struct ProbeSource : QUOR_DataSource {
+  explicit ProbeSource(std::atomic<int>* counter) : QUOR_DataSource(nullptr), destroyed(counter) {}
+  ~ProbeSource() override { ++*destroyed; }
+  std::atomic<int>* const destroyed;
 };
 
-// A notification message that carries a label and counts its destruction.
-class ProbeMessage : public DataSetMsg {
- public:
-  ProbeMessage(std::string label, int* destroyed)
-      : label_(std::move(label)), destroyed_(destroyed) {}
-  ~ProbeMessage() override {
-    if (destroyed_ != nullptr) ++*destroyed_;
-  }
-  VSerializable* Clone() const override { return new ProbeMessage(label_, destroyed_); }
-  int Process(VStream&) override { return 0; }
+// A notification message that carries a label and counts its destruction in
+// `*destroyed`, which must outlive it.
+struct ProbeMessage : DataSetMsg {
+  ProbeMessage(std::string text, int* counter) : label(std::move(text)), destroyed(counter) {}
+  ~ProbeMessage() override { ++*destroyed; }
+  VSerializable* Clone() const override { return new ProbeMessage(label, destroyed); }
   char const* GetClassName() const override { return "ProbeMessage"; }
-
-  std::string const& Label() const { return label_; }
-
- private:
-  std::string label_;
-  int* destroyed_;
+  std::string const label;
+  int* const destroyed;
 };
 
-// Brings the item's snapshot in line with its live source by one write
-// access that a throwaway observer watches, so that later passes queue only
-// what a test does. Needs no other access to the item.
+// Hears both kinds of notice and logs them: "<name>: <labels>" for each
+// DataSetChanged, the labels (class names for other messages) read from the
+// queue through the writer it was given, and "<name> created <id word>
+// <file>"; the matching hook runs after.
+struct Listener : SvrDMDataSetObserver, ServerDataManagerObserver {
+  Listener(std::string text, std::vector<std::string>* out) : name(std::move(text)), log(out) {}
+  void DataSetChanged(SvrDMWriteableDataSource const* source) override {
+    std::string entry = name + ":";
+    for (DataSetMsg* message : source->GetNotifications()) {
+      auto const* probe = dynamic_cast<ProbeMessage const*>(message);
+      entry += " " + (probe != nullptr ? probe->label : std::string(message->GetClassName()));
+    }
+    log->push_back(entry);
+    if (onChanged) onChanged(source);
+  }
+  void DataSetCreated(LocallyUniqueID const& id, std::string const& fileName) override {
+    log->push_back(name + " created " + std::to_string(id.ToWord()) + " " + fileName);
+    if (onCreated) onCreated();
+  }
+  void DataSetDeleted(LocallyUniqueID const&) override {}
+
+  std::function<void(SvrDMWriteableDataSource const*)> onChanged;
+  std::function<void()> onCreated;
+  std::string const name;
+  std::vector<std::string>* const log;
+};
+
+// Brings the item's snapshot in line with its live source by one watched
+// write access, so that later passes queue only what a test adds.
 inline void SettleSnapshot(SvrDMItemPtr& item) {
-  struct Quiet : SvrDMDataSetObserver {
-    void DataSetChanged(SvrDMWriteableDataSource const*) override {}
-  } quiet;
+  std::vector<std::string> ignored;
+  Listener quiet("", &ignored);
   item->Register(quiet);
   { SvrDMWriteableDataSource writer(item, false, nullptr); }
   item->Unregister(quiet);
 }
 
-// The label of a probe, the class name of any other message, "null" for a
-// null entry.
-inline std::string MessageLabel(DataSetMsg const* message) {
-  if (message == nullptr) return "null";
-  if (auto const* probe = dynamic_cast<ProbeMessage const*>(message)) return probe->Label();
-  return message->GetClassName();
+// One try for write access from the calling thread: 55 when it fails, 0 when
+// the lock was had (and given back at once).
+inline int TryWrite(SvrDMItemPtr item) {
+  try {
+    SvrDMWriteableDataSource writer(item, true, nullptr);
+  } catch (int code) {
+    return code;
+  }
+  return 0;
 }
-
-// Opens once for good; every waiter then passes.
-class TestLatch {
- public:
-  void Open() {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      open_ = true;
-    }
-    changed_.notify_all();
-  }
-  void Wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 #endif  // SDM_TESTS_SUPPORT_ACCESS_PROBES_H
