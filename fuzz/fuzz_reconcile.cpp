@@ -1,0 +1,151 @@
+// Reads its input as a script of dictionary edits and ends of write access
+// on one dataset. After every access the watcher's model, built only from
+// the messages it was shown, must equal the live dictionary, and an access
+// that changes nothing must show it nothing.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "ServerDataManager.h"
+#include "support/watcher_model.h"
+
+namespace {
+
+class Script {
+ public:
+  Script(uint8_t const* data, size_t size) : data_(data), size_(size) {}
+  bool Done() const { return at_ >= size_; }
+  int Next() { return at_ < size_ ? data_[at_++] : 0; }
+  int Below(int n) { return n <= 0 ? 0 : Next() % n; }
+
+ private:
+  uint8_t const* data_;
+  size_t size_;
+  size_t at_ = 0;
+};
+
+class CheckingWatcher : public SvrDMDataSetObserver {
+ public:
+  void DataSetChanged(SvrDMWriteableDataSource const* access) override {
+    ++passes;
+    std::string error;
+    if (!model.Apply(access->GetNotifications(), &error) || !model.Matches(*access->GetDataSource(), &error)) {
+      std::fprintf(stderr, "watcher diverged: %s\n", error.c_str());
+      for (std::string const& line : DescribeQueue(access->GetNotifications())) {
+        std::fprintf(stderr, "  %s\n", line.c_str());
+      }
+      std::abort();
+    }
+  }
+  WatcherModel model;
+  int passes = 0;
+};
+
+void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
+  int const n = static_cast<int>(live.ColumnCount());
+  switch (script.Below(15)) {
+    case 0:
+    case 1:
+      if (n < 300) {
+        ++nextSerial;
+        live.InsertVariable(script.Below(n + 1), QUOR_Variable(LocallyUniqueID(0, nextSerial), "v", script.Below(3)));
+      }
+      break;
+    case 2:
+      if (n > 0) {
+        int first = script.Below(n);
+        live.DeleteVariables(first, first + script.Below(n - first));
+      }
+      break;
+    case 3:
+      if (n > 1) {
+        int from = script.Below(n);
+        QUOR_Variable moved = live.GetVariable(from);
+        live.DeleteVariables(from, from);
+        live.InsertVariable(script.Below(n), moved);
+      }
+      break;
+    case 4:
+      if (n > 0) live.GetVariable(script.Below(n)).SetName(std::string(1, static_cast<char>('a' + script.Below(26))));
+      break;
+    case 5:
+      if (n > 0) live.GetVariable(script.Below(n)).SetType(script.Below(4));
+      break;
+    case 6:
+      if (n > 0) live.GetVariable(script.Below(n)).SetLabel(std::string(static_cast<size_t>(script.Below(3)), 'l'));
+      break;
+    case 7:
+      live.SetWeightVar(script.Below(n + 1) - 1);
+      break;
+    case 8:
+      live.SetFilterVar(script.Below(n + 1) - 1);
+      break;
+    case 9: {
+      int positions[8];
+      int count = n > 0 ? script.Below(9) : 0;
+      for (int i = 0; i < count; ++i) positions[i] = script.Below(n);
+      live.SetSplit(static_cast<unsigned>(count), positions, script.Below(2) == 1);
+      break;
+    }
+    case 10:
+      live.SetLabel(script.Below(3) == 0 ? nullptr : std::string(static_cast<size_t>(script.Below(4)), 'x').c_str());
+      break;
+    case 11:
+      live.SetFileSpec(("/nonexistent/" + std::to_string(script.Below(3))).c_str());
+      break;
+    case 12: {
+      std::vector<VariableSetImpl> sets(static_cast<size_t>(script.Below(3)));
+      for (VariableSetImpl& set : sets) {
+        set.descriptor[0] = static_cast<unsigned char>(script.Below(3));
+        if (n > 0) set.members.push_back(live.GetVariable(script.Below(n)).GetID());
+      }
+      if (script.Below(2) == 0) {
+        live.SetMRSets(sets);
+      } else {
+        live.SetVariableSets(sets);
+      }
+      break;
+    }
+    case 13: {
+      DatasourceAttributes attributes;
+      if (script.Below(2) == 1) attributes.Set("k", std::to_string(script.Below(3)));
+      live.SetAttributes(attributes);
+      live.SetExtension(QUOR_DataSource::Extension(0, std::string(static_cast<size_t>(script.Below(3)), 'e')));
+      live.RowsPerImputation(script.Below(3));
+      live.GetTrendsInfo()->SetText(std::string(static_cast<size_t>(script.Below(2)), 't'));
+      break;
+    }
+    default:
+      live.SetDirty(script.Below(2) == 1);
+      break;
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
+  Script script(data, size);
+  ServerDataManager registry;
+  LocallyUniqueID const id = registry.Add(*new SystemFileDataSource(), "", true);
+  CheckingWatcher watcher;
+  SvrDMDataset(registry, id).Register(watcher);
+  uint32_t nextSerial = 0;
+  while (!script.Done()) {
+    {
+      SvrDMWriteableDataSource access(registry, id, false, nullptr);
+      // Up to 16 edits, then the access ends and the watcher checks.
+      for (int edits = script.Below(16); edits >= 0 && !script.Done(); --edits) Edit(script, *access, nextSerial);
+      if (script.Below(8) == 0) access.BulkVarMoves();
+    }
+    int const passes = watcher.passes;
+    { SvrDMWriteableDataSource quiet(registry, id, false, nullptr); }
+    if (watcher.passes != passes) {
+      std::fprintf(stderr, "an access that changed nothing was shown messages\n");
+      std::abort();
+    }
+  }
+  SvrDMDataset(registry, id).Unregister(watcher);
+  return 0;
+}
