@@ -12,120 +12,70 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-// An item over the chain A -> B -> C (head first), holding a real file, so
-// every case can check deletions, the queue and the file hold together.
-class DataSetChainTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    descriptorsBefore = CountOpenDescriptors();
-    file = scratch.Write("data.csv", "x\n1\n");
-    a = CountingSource::Chain(&destroyed, {"A", "B", "C"});
-    b = a->GetParentSource();
-    c = b->GetParentSource();
-    item = new SvrDMItem(LocallyUniqueID(0, 1), a, nullptr, 0, file, true);
-  }
-  void TearDown() override {
-    item = nullptr;
-    EXPECT_EQ(CountOpenDescriptors(), descriptorsBefore);
-  }
+constexpr int64_t kBase = 1600000000;
 
-  Names Queue() const { return DescribeQueue(item->notifications); }
-
-  ScratchDir scratch;
-  std::string file;
-  int descriptorsBefore = 0;
-  Names destroyed;
-  QUOR_DataSource* a = nullptr;
-  QUOR_DataSource* b = nullptr;
-  QUOR_DataSource* c = nullptr;
-  SvrDMItemPtr item;
+// One SetDataSet on an item with a real file. `next` names the new head: ""
+// none, "A".."C" a member of the old chain A -> B -> C (head first), "N" a
+// new source over A, "X" the head of a new chain X -> Y.
+struct ChainCase {
+  bool startEmpty;  // the item has no source, and holds no file, before
+  char const* next;
+  Names deletedBySet;
+  bool resetUndo;
+  bool held;
+  Names deletedInAll;  // once the item is gone too
 };
 
-TEST_F(DataSetChainTest, FallingBackToAnAncestorDeletesWhatLiesBelowIt) {
-  item->SetDataSet(b);
-  EXPECT_EQ(destroyed, Names{"A"});
-  EXPECT_EQ(item->dataSource, b);
-  EXPECT_EQ(Queue(), Names{"ResetUndo"});
-  EXPECT_NE(item->lockedFile, nullptr);
+TEST(DataSetChainTest, SetDataSetDeletesExactlyTheSourcesLeftOverHeadFirst) {
+  std::vector<ChainCase> const cases = {
+      {true, "", {}, false, false, {}},
+      {true, "X", {}, false, true, {"X", "Y"}},
+      {false, "A", {}, true, true, {"A", "B", "C"}},
+      {false, "B", {"A"}, true, true, {"A", "B", "C"}},
+      {false, "C", {"A", "B"}, true, true, {"A", "B", "C"}},
+      {false, "N", {}, true, true, {"N", "A", "B", "C"}},
+      {false, "X", {"A", "B", "C"}, true, true, {"A", "B", "C", "X", "Y"}},
+      {false, "", {"A", "B", "C"}, true, false, {"A", "B", "C"}},
+  };
+  ScratchDir scratch;
+  std::string const file = scratch.Write("data.csv", "x\n1\n");
+  int const descriptors = CountOpenDescriptors();
+  for (ChainCase const& c : cases) {
+    SCOPED_TRACE(std::string(c.startEmpty ? "empty" : "A") + " -> " + c.next);
+    SetModificationTime(file, kBase);
+    Names log;
+    QUOR_DataSource* a = c.startEmpty ? nullptr : CountingSource::Chain(&log, {"A", "B", "C"});
+    SvrDMItemPtr item(
+        new SvrDMItem(LocallyUniqueID(0, 1), a, nullptr, 0, c.startEmpty ? "" : file, true));
+    item->fileName = file;
+    std::string const next = c.next;
+    QUOR_DataSource* b = a == nullptr ? nullptr : a->GetParentSource();
+    QUOR_DataSource* head = next == "A"   ? a
+                            : next == "B" ? b
+                            : next == "C" ? b->GetParentSource()
+                                          : nullptr;
+    if (next == "N") {
+      head = new CountingSource(&log, "N");
+      head->SetParentSource(a);
+    }
+    if (next == "X") head = CountingSource::Chain(&log, {"X", "Y"});
 
-  item->SetDataSet(c);
-  EXPECT_EQ(destroyed, (Names{"A", "B"}));
-  item = nullptr;
-  EXPECT_EQ(destroyed, (Names{"A", "B", "C"}));
+    SetModificationTime(file, kBase + 1);
+    item->SetDataSet(head);
+    EXPECT_EQ(log, c.deletedBySet);
+    EXPECT_EQ(item->dataSource, head);
+    EXPECT_EQ(DescribeQueue(item->notifications), c.resetUndo ? Names{"ResetUndo"} : Names{});
+    // A source after the call means the file was opened afresh, new base and all.
+    EXPECT_EQ(item->lockedFile != nullptr, c.held);
+    EXPECT_EQ(item->lockedFileTime, c.held ? kBase + 1 : 0);
+    item = nullptr;
+    EXPECT_EQ(log, c.deletedInAll);
+  }
+  EXPECT_EQ(CountOpenDescriptors(), descriptors);
 }
 
-TEST_F(DataSetChainTest, FallingBackTwoLevelsDeletesHeadFirst) {
-  item->SetDataSet(c);
-  EXPECT_EQ(destroyed, (Names{"A", "B"}));
-}
-
-TEST_F(DataSetChainTest, NewHeadOverTheOldKeepsTheWholeChain) {
-  auto* n = new CountingSource(&destroyed, "N");
-  n->SetParentSource(a);
-  item->SetDataSet(n);
-  EXPECT_TRUE(destroyed.empty());
-  EXPECT_EQ(Queue(), Names{"ResetUndo"});
-  item = nullptr;
-  EXPECT_EQ(destroyed, (Names{"N", "A", "B", "C"}));
-}
-
-TEST_F(DataSetChainTest, SameHeadDeletesNothingButReopensTheFile) {
-  FILE* before = item->lockedFile;
-  ASSERT_NE(before, nullptr);
-  SetModificationTime(file, 1000000);
-  ASSERT_TRUE(item->SavFileExternallyChanged());
-  item->SetDataSet(a);
-  EXPECT_TRUE(destroyed.empty());
-  EXPECT_EQ(Queue(), Names{"ResetUndo"});
-  // Opened afresh, so the new time is the base.
-  EXPECT_NE(item->lockedFile, nullptr);
-  EXPECT_FALSE(item->SavFileExternallyChanged());
-}
-
-TEST_F(DataSetChainTest, UnrelatedHeadDeletesTheWholeOldChain) {
-  Names otherLog;
-  QUOR_DataSource* other = CountingSource::Chain(&otherLog, {"X", "Y"});
-  item->SetDataSet(other);
-  EXPECT_EQ(destroyed, (Names{"A", "B", "C"}));
-  EXPECT_EQ(Queue(), Names{"ResetUndo"});
-  item = nullptr;
-  EXPECT_EQ(otherLog, (Names{"X", "Y"}));
-}
-
-TEST_F(DataSetChainTest, NullHeadDeletesEverythingAndLetsTheFileGo) {
-  item->SetDataSet(nullptr);
-  EXPECT_EQ(destroyed, (Names{"A", "B", "C"}));
-  EXPECT_EQ(item->dataSource, nullptr);
-  EXPECT_EQ(item->lockedFile, nullptr);
-  EXPECT_EQ(Queue(), Names{"ResetUndo"});
-  item->SetDataSet(nullptr);  // nothing more to do
-  EXPECT_EQ(Queue(), Names{"ResetUndo"});
-  EXPECT_EQ(destroyed.size(), 3u);
-}
-
-TEST_F(DataSetChainTest, FirstSourceOfAnEmptyDatasetQueuesNothingAndHoldsTheFile) {
-  SvrDMItemPtr empty(new SvrDMItem(LocallyUniqueID(0, 2), nullptr, nullptr, 0, std::string(), true));
-  empty->SetDataSet(nullptr);
-  EXPECT_TRUE(empty->notifications.empty());
-  // The registry gives an empty dataset no file; one set later is held once
-  // a source arrives.
-  empty->fileName = scratch.Write("later.csv", "y\n2\n");
-  empty->SetDataSet(new CountingSource(&destroyed, "S"));
-  EXPECT_TRUE(empty->notifications.empty());
-  EXPECT_NE(empty->lockedFile, nullptr);
-}
-
-TEST_F(DataSetChainTest, ResetUndoReachesWatchersAheadOfTheDifferences) {
-  item->observerView.Update();
-  item->ClearNotifications();
-  auto* replacement = new SystemFileDataSource();
-  replacement->InsertVariable(0, QUOR_Variable(LocallyUniqueID(0, 1), "A"));
-  item->SetDataSet(replacement);
-  item->observerView.Update();
-  EXPECT_EQ(Queue(), (Names{"ResetUndo", "Insert [A] before none"}));
-}
-
-// Records what the watchers of a dataset are shown at each pass.
+// Watchers learn of the new source through a write access: ResetUndo first,
+// then the differences to the new dictionary.
 class QueueObserver : public SvrDMDataSetObserver {
  public:
   void DataSetChanged(SvrDMWriteableDataSource const* source) override {
@@ -134,7 +84,7 @@ class QueueObserver : public SvrDMDataSetObserver {
   std::vector<Names> passes;
 };
 
-TEST_F(DataSetChainTest, WriteAccessReplacesTheSourceAndWatchersHearResetUndoFirst) {
+TEST(DataSetChainTest, WriteAccessSetsTheSourceAndWatchersHearResetUndoFirst) {
   ServerDataManager registry;
   Names log;
   LocallyUniqueID id = registry.Add(*CountingSource::Chain(&log, {"head", "root"}), "", true);
@@ -149,9 +99,8 @@ TEST_F(DataSetChainTest, WriteAccessReplacesTheSourceAndWatchersHearResetUndoFir
     EXPECT_EQ(&*access, replacement);
     EXPECT_EQ(log, (Names{"head", "root"}));
   }
-  ASSERT_FALSE(observer.passes.empty());
-  EXPECT_EQ(observer.passes.back().at(0), "ResetUndo");
-  EXPECT_EQ(observer.passes.back().at(1), "Insert [A] before none");
+  EXPECT_EQ(observer.passes,
+            (std::vector<Names>{{"ResetUndo", "Insert [A] before none", "ResetClient 0"}}));
   SvrDMDataset(registry, id).Unregister(observer);
 }
 
