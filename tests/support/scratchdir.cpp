@@ -12,11 +12,14 @@
 
 namespace fs = std::filesystem;
 
-ScratchDir::ScratchDir() {
-  std::string pattern = (fs::temp_directory_path() / "sdm-test-XXXXXX").string();
-  if (mkdtemp(pattern.data()) == nullptr)
-    throw std::system_error(errno, std::generic_category(), pattern);
-  path_ = pattern;
+namespace {
+void ThrowIf(bool failed, std::string const& what) {
+  if (failed) throw std::system_error(errno, std::generic_category(), what);
+}
+}  // namespace
+
+ScratchDir::ScratchDir() : path_((fs::temp_directory_path() / "sdm-test-XXXXXX").string()) {
+  ThrowIf(mkdtemp(path_.data()) == nullptr, "mkdtemp " + path_);
 }
 
 ScratchDir::~ScratchDir() {
@@ -25,28 +28,17 @@ ScratchDir::~ScratchDir() {
 }
 
 std::string ScratchDir::Write(std::string const& name, std::string const& contents) {
-  std::string full = PathOf(name);
-  std::ofstream out(full, std::ios::binary | std::ios::trunc);
-  out << contents;
-  out.close();
-  if (!out) throw std::system_error(errno, std::generic_category(), "write " + full);
-  return full;
-}
-
-std::string ScratchDir::Link(std::string const& existing, std::string const& name) {
-  std::string full = PathOf(name);
-  fs::create_hard_link(PathOf(existing), full);
+  std::string const full = PathOf(name);
+  ThrowIf(!(std::ofstream(full, std::ios::binary) << contents), "write " + full);
   return full;
 }
 
 void SetModificationTime(std::string const& path, int64_t seconds) {
   struct timespec const times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), 0}};
-  if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) {
-    throw std::system_error(errno, std::generic_category(), "utimensat " + path);
-  }
+  ThrowIf(utimensat(AT_FDCWD, path.c_str(), times, 0) != 0, "utimensat " + path);
 }
 
 int CountOpenDescriptors() {
-  return static_cast<int>(
-      std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+  fs::directory_iterator const entries("/proc/self/fd");
+  return static_cast<int>(std::distance(entries, fs::directory_iterator()));
 }

@@ -1,6 +1,6 @@
 // Real files for tests that hold data files open: a private directory per
-// fixture, modification times set to the second, and a count of the
-// process's open descriptors to catch leaked streams.
+// test, modification times set to the second, and a count of the process's
+// open descriptors to catch leaked streams.
 #ifndef SDM_TESTS_SUPPORT_SCRATCHDIR_H
 #define SDM_TESTS_SUPPORT_SCRATCHDIR_H
 
@@ -8,7 +8,7 @@
 #include <string>
 
 // A fresh directory made with mkdtemp, so tests running in parallel
-// processes never share files. Removed with all it holds when it goes. Not
+// processes never share files; removed with all it holds when it goes. Not
 // for use from several threads at once.
 class ScratchDir {
  public:
@@ -21,9 +21,6 @@ class ScratchDir {
   std::string PathOf(std::string const& name) const { return path_ + "/" + name; }
   // Writes `contents` to `name` (replacing it) and returns the full path.
   std::string Write(std::string const& name, std::string const& contents);
-  // Adds a second name for the file `existing`, as a case-blind file
-  // system lets two spellings reach one file.
-  std::string Link(std::string const& existing, std::string const& name);
 
  private:
   std::string path_;

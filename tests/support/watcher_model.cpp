@@ -1,5 +1,7 @@
 #include "support/watcher_model.h"
 
+#include <algorithm>
+#include <iterator>
 #include <sstream>
 
 namespace {
@@ -19,10 +21,9 @@ std::string Names(std::vector<QUOR_Variable> const& list) {
 }
 
 int Find(std::vector<QUOR_Variable> const& list, LocallyUniqueID id) {
-  for (std::size_t i = 0; i < list.size(); ++i) {
-    if (list[i].GetID() == id) return static_cast<int>(i);
-  }
-  return -1;
+  auto at = std::find_if(list.begin(), list.end(),
+                         [id](QUOR_Variable const& v) { return v.GetID() == id; });
+  return at == list.end() ? -1 : static_cast<int>(at - list.begin());
 }
 
 std::string Payload(RefCountPtr<QUOR_ExtensionImpl> const& extension) {
@@ -42,54 +43,41 @@ std::string ExtensionOf(QUOR_DataSource& source, int type) {
   return payload;
 }
 
-bool Fail(std::string* error, std::string const& why) {
-  *error = why;
-  return false;
-}
-
 }  // namespace
 
 bool WatcherModel::Apply(std::vector<DataSetMsg*> const& queue, std::string* error) {
-  for (std::size_t i = 0; i < queue.size(); ++i) {
-    std::ostringstream ignored;
-    if (queue[i] != nullptr && !Read(*queue[i], ignored, error)) {
-      return Fail(error, "message " + std::to_string(i) + ": " + *error);
-    }
+  std::ostringstream ignored;
+  for (DataSetMsg const* message : queue) {
+    *error = message != nullptr ? Read(*message, ignored) : "";
+    if (!error->empty()) return false;
   }
   return true;
 }
 
-bool WatcherModel::Read(DataSetMsg const& message, std::ostream& line, std::string* error) {
+std::string WatcherModel::Read(DataSetMsg const& message, std::ostream& line) {
   if (auto const* m = dynamic_cast<DeleteVarsMsg const*>(&message)) {
     line << "Delete " << Names(m->GetVariables());
     for (QUOR_Variable const& variable : m->GetVariables()) {
       int at = Find(variables, variable.GetID());
-      if (at < 0) return Fail(error, "delete of unknown " + Name(variable.GetID()));
+      if (at < 0) return "delete of unknown " + Name(variable.GetID());
       variables.erase(variables.begin() + at);
     }
   } else if (auto const* m = dynamic_cast<InsertVarsMsg const*>(&message)) {
     line << "Insert " << Names(m->GetVariables()) << " before " << Name(m->GetBeforeID());
     int at = m->GetBeforeID().IsNone() ? static_cast<int>(variables.size())
                                        : Find(variables, m->GetBeforeID());
-    if (at < 0) return Fail(error, "insert before unknown " + Name(m->GetBeforeID()));
-    for (QUOR_Variable const& variable : m->GetVariables()) {
-      if (Find(variables, variable.GetID()) >= 0)
-        return Fail(error, "insert of " + Name(variable.GetID()) + " twice");
-    }
+    if (at < 0) return "insert before unknown " + Name(m->GetBeforeID());
     variables.insert(variables.begin() + at, m->GetVariables().begin(), m->GetVariables().end());
   } else if (auto const* m = dynamic_cast<MoveVarsMsg const*>(&message)) {
-    line << "Move " << m->GetIndices().at(0) << " -> " << m->GetTarget();
-    std::size_t const from = m->GetIndices()[0];
-    if (m->GetIndices().size() != 1 || from >= variables.size() || m->GetTarget() >= from) {
-      return Fail(error, "move with bad positions");
-    }
-    QUOR_Variable moved = variables[from];
-    variables.erase(variables.begin() + static_cast<long>(from));
-    variables.insert(variables.begin() + static_cast<long>(m->GetTarget()), moved);
+    std::size_t const from = m->GetIndices().at(0);
+    std::size_t const to = m->GetTarget();
+    line << "Move " << from << " -> " << to;
+    if (m->GetIndices().size() != 1 || from >= variables.size() || to >= from) return "bad move";
+    std::rotate(variables.begin() + to, variables.begin() + from, variables.begin() + from + 1);
   } else if (auto const* m = dynamic_cast<ModifyVarMsg const*>(&message)) {
     line << "Modify " << Name(m->GetVariable().GetID());
     int at = Find(variables, m->GetVariable().GetID());
-    if (at < 0) return Fail(error, "modify of unknown " + Name(m->GetVariable().GetID()));
+    if (at < 0) return "modify of unknown " + Name(m->GetVariable().GetID());
     variables[static_cast<std::size_t>(at)] = m->GetVariable();
   } else if (auto const* m = dynamic_cast<WeightVarMsg const*>(&message)) {
     line << "Weight " << Name(weight = m->GetWeightID());
@@ -122,24 +110,16 @@ bool WatcherModel::Read(DataSetMsg const& message, std::ostream& line, std::stri
   } else {
     line << "?";
   }
-  return true;
+  return "";
 }
 
 bool WatcherModel::Matches(QUOR_DataSource& live, std::string* error) const {
   std::ostringstream why;
-  if (variables.size() != live.ColumnCount()) {
-    why << "model has " << variables.size() << " variables, live " << live.ColumnCount();
-  } else {
-    for (std::size_t i = 0; i < variables.size(); ++i) {
-      QUOR_Variable const& actual = live.GetVariable(static_cast<int>(i));
-      if (!(variables[i] == actual)) {
-        why << "variable " << i << ": model " << Name(variables[i].GetID()) << " '"
-            << variables[i].GetName() << "', live " << Name(actual.GetID()) << " '"
-            << actual.GetName() << "'";
-        break;
-      }
-    }
-  }
+  std::vector<QUOR_Variable> liveVariables;
+  for (int i = 0; i < static_cast<int>(live.ColumnCount()); ++i)
+    liveVariables.push_back(live.GetVariable(i));
+  if (!(variables == liveVariables))
+    why << "variables: model " << Names(variables) << ", live " << Names(liveVariables);
   // Like a data source, a client reads a role whose variable is gone as
   // unset, and keeps it for the variable's return.
   auto present = [this](LocallyUniqueID id) {
@@ -147,11 +127,9 @@ bool WatcherModel::Matches(QUOR_DataSource& live, std::string* error) const {
   };
   std::vector<LocallyUniqueID> modelSplit;
   std::vector<LocallyUniqueID> liveSplit;
-  for (LocallyUniqueID id : split) {
-    if (!present(id).IsNone()) modelSplit.push_back(id);
-  }
-  for (int i = 0; i < live.GetNSplitVars(); ++i)
-    liveSplit.push_back(live.GetSplitVarID(static_cast<unsigned>(i)));
+  std::copy_if(split.begin(), split.end(), std::back_inserter(modelSplit),
+               [&present](LocallyUniqueID id) { return !present(id).IsNone(); });
+  for (int i = 0; i < live.GetNSplitVars(); ++i) liveSplit.push_back(live.GetSplitVarID(i));
   char const* liveLabel = live.GetLabel();
   if (present(weight) != live.GetWeightVariableID()) why << "; weight differs";
   if (present(filter) != live.GetFilterVariableID()) why << "; filter differs";
@@ -181,8 +159,7 @@ std::vector<std::string> DescribeQueue(std::vector<DataSetMsg*> const& queue) {
   std::vector<std::string> lines;
   for (DataSetMsg const* message : queue) {
     std::ostringstream line;
-    std::string ignored;
-    if (message != nullptr) scratch.Read(*message, line, &ignored);
+    if (message != nullptr) scratch.Read(*message, line);
     lines.push_back(line.str());
   }
   return lines;

@@ -18,21 +18,19 @@ class WatcherModel {
   // `error`, when a message cannot apply to the model (an unknown variable,
   // a position out of range).
   bool Apply(std::vector<DataSetMsg*> const& queue, std::string* error);
-  // Applies one message, and writes the line that DescribeQueue gives it to
-  // `line` whether or not it applies.
-  bool Read(DataSetMsg const& message, std::ostream& line, std::string* error);
+  // Applies one message and returns why it cannot apply, empty when it
+  // does; writes the message's DescribeQueue line to `line` either way.
+  std::string Read(DataSetMsg const& message, std::ostream& line);
 
   // True when the model agrees with `live` on everything the messages carry;
   // otherwise `error` says where they part.
   bool Matches(QUOR_DataSource& live, std::string* error) const;
 
   std::vector<QUOR_Variable> variables;
-  LocallyUniqueID weight;
-  LocallyUniqueID filter;
+  LocallyUniqueID weight, filter;
   std::vector<LocallyUniqueID> split;
   bool separate = false;
-  std::string label;
-  std::string fileSpec;
+  std::string label, fileSpec;
   bool dirty = false;
   long long rowCount = -1;
   QUOR_TrendsInfo trends;
