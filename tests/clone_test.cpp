@@ -33,7 +33,7 @@ TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShowTheSourceOnlyWhenAsked)
   EXPECT_EQ(clone.GetParentSource(), file);
   EXPECT_TRUE(clone.ShowParents(true));
   EXPECT_EQ(clone.NParents(), file->NParents());  // showing adds no parent
-  SvrDMCloneDataSource copy(clone);               // the present dictionary, hidden
+  SvrDMCloneDataSource copy(clone);               // the present dictionary, and hidden
   EXPECT_EQ(copy.ColumnCount(), clone.ColumnCount());
   EXPECT_EQ(copy.GetParentSource(), nullptr);
   EXPECT_TRUE(clone.ShowParents(false));
@@ -44,9 +44,8 @@ TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShowTheSourceOnlyWhenAsked)
   OBS row;
   std::unique_ptr<ObsIterator> iterator(copy.MakeIterator(&row));
   EXPECT_EQ(copy.GetParentSource(), nullptr);
-  Names firstFields;
-  while (iterator->Next()) firstFields.push_back(row.fields.at(0));
-  EXPECT_EQ(firstFields, (Names{"101", "102", "103", "104"}));
+  ASSERT_TRUE(iterator->Next());
+  EXPECT_EQ(row.fields.at(0), "101");
   copy.ShowParents(true);
   EXPECT_THROW(copy.MakeIterator(nullptr), std::invalid_argument);
   EXPECT_EQ(copy.GetParentSource(), nullptr);

@@ -17,8 +17,6 @@ constexpr int64_t kBase = 1600000000;
 class FileLockTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    atStart_ = CountOpenDescriptors();
-    data_ = dir_.Write("survey.sav", "rows");
     SetModificationTime(data_, kBase);
     // A second spelling of the same file, as a case-blind file system gives.
     std::filesystem::create_hard_link(data_, upper_);
@@ -38,9 +36,9 @@ class FileLockTest : public ::testing::Test {
   }
 
   ScratchDir dir_;
-  std::string data_;
+  std::string const data_ = dir_.Write("survey.sav", "rows");
   std::string const upper_ = dir_.PathOf("SURVEY.sav");
-  int atStart_ = 0;
+  int const atStart_ = CountOpenDescriptors();
 };
 
 TEST_F(FileLockTest, AnOlderTimeIsAChangeUntilUnlockAndLockTakeItAsTheBase) {
@@ -62,47 +60,42 @@ TEST_F(FileLockTest, AnOlderTimeIsAChangeUntilUnlockAndLockTakeItAsTheBase) {
 
 TEST_F(FileLockTest, TheStreamIsAskedNotTheName) {
   SvrDMItemPtr item = MakeItem(data_);
+  // A newer file moved in under the held name is not the file held.
   std::string const newer = dir_.Write("newer.sav", "other rows");
   SetModificationTime(newer, kBase + 60);
   ASSERT_EQ(std::rename(newer.c_str(), data_.c_str()), 0);
   EXPECT_FALSE(item->SavFileExternallyChanged());
 }
 
-TEST_F(FileLockTest, UnopenableFileLetsTheOldOneGoIsNotHeldAndIsTriedAgain) {
-  std::string const later = dir_.PathOf("later.sav");
+TEST_F(FileLockTest, FileNameReopensForACaseChangeAndRetriesAnUnopenableFileLater) {
   SvrDMItemPtr item = MakeItem(data_);
-  EXPECT_NO_THROW(item->FileName(later));
+  SetModificationTime(data_, kBase + 9);
+  item->FileName(upper_);  // the same file under another name: reopened, new base
+  ExpectHold(item, upper_, kBase + 9, 1);
+
+  std::string const later = dir_.PathOf("later.sav");
+  EXPECT_NO_THROW(item->FileName(later));  // the old file goes all the same
   ExpectHold(item, "", 0, 0);
   EXPECT_FALSE(item->SavFileExternallyChanged());
   dir_.Write("later.sav", "rows");
   SetModificationTime(later, kBase + 3);
   item->LockSavFileInUse();
   ExpectHold(item, later, kBase + 3, 1);
-}
-
-TEST_F(FileLockTest, FileNameReopensForACaseChangeAndAnEmptyNameEndsTheHold) {
-  SvrDMItemPtr item = MakeItem(data_);
-  SetModificationTime(data_, kBase + 9);
-  item->FileName(upper_);
-  ExpectHold(item, upper_, kBase + 9, 1);
   item->FileName("");
   ExpectHold(item, "", 0, 0);
 }
 
 TEST_F(FileLockTest, RegistryHoldsAFileOnceAndMatchesItsNameWithoutCase) {
   ServerDataManager registry;
-  auto add = [&registry](std::string const& name) {
-    return registry.GetDataSet(registry.Add(*new QUOR_DataSource(nullptr), name, true));
-  };
-  SvrDMItemPtr first = add(data_);
-  SvrDMItemPtr second = add(upper_);
+  LocallyUniqueID const first = registry.Add(*new QUOR_DataSource(nullptr), data_, true);
+  SvrDMItemPtr second =
+      registry.GetDataSet(registry.Add(*new QUOR_DataSource(nullptr), upper_, true));
   EXPECT_EQ(second->sharedFileName, upper_);
   ExpectHold(second, "", 0, 1);
   SetModificationTime(data_, kBase - 1);
   EXPECT_TRUE(registry.SavFileExternallyChanged(upper_));
   // With the holder gone nobody holds the file, and nobody is asked.
-  registry.Delete(first->dataSetID);
-  first = nullptr;
+  registry.Delete(first);
   ExpectHold(second, "", 0, 0);
   EXPECT_FALSE(registry.SavFileExternallyChanged(data_));
 }

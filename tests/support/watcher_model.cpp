@@ -15,8 +15,7 @@ std::string Name(LocallyUniqueID id) {
 
 std::string Names(std::vector<QUOR_Variable> const& list) {
   std::string out;
-  for (QUOR_Variable const& variable : list)
-    out += (out.empty() ? "" : ",") + Name(variable.GetID());
+  for (QUOR_Variable const& v : list) out += (out.empty() ? "" : ",") + Name(v.GetID());
   return "[" + out + "]";
 }
 
@@ -84,10 +83,8 @@ std::string WatcherModel::Read(DataSetMsg const& message, std::ostream& line) {
   } else if (auto const* m = dynamic_cast<FilterVarMsg const*>(&message)) {
     line << "Filter " << Name(filter = m->GetFilterID());
   } else if (auto const* m = dynamic_cast<SplitFileMsg const*>(&message)) {
-    split = m->GetSplitIDs();
-    separate = m->GetSeparate();
-    line << "Split " << m->GetSplitCount() << (separate ? " separate" : "");
-    for (LocallyUniqueID id : split) line << " " << Name(id);
+    line << "Split " << m->GetSplitCount() << ((separate = m->GetSeparate()) ? " separate" : "");
+    for (LocallyUniqueID id : split = m->GetSplitIDs()) line << " " << Name(id);
   } else if (auto const* m = dynamic_cast<FileLabelChangeMsg const*>(&message)) {
     line << "Label '" << (label = m->GetLabel()) << "'";
   } else if (auto const* m = dynamic_cast<FileSpecChangeMsg const*>(&message)) {
@@ -103,8 +100,7 @@ std::string WatcherModel::Read(DataSetMsg const& message, std::ostream& line) {
   } else if (auto const* m = dynamic_cast<ResetClientDataMsg const*>(&message)) {
     line << "ResetClient " << (rowCount = m->GetRowCount());
   } else if (auto const* m = dynamic_cast<DataSetModifiedMsg const*>(&message)) {
-    dirty = m->GetDirty();
-    line << "Modified " << (dirty ? "true" : "false");
+    line << "Modified " << ((dirty = m->GetDirty()) ? "true" : "false");
   } else if (dynamic_cast<ResetUndoMsg const*>(&message) != nullptr) {
     line << "ResetUndo";  // nothing the model keeps
   } else {
@@ -125,8 +121,7 @@ bool WatcherModel::Matches(QUOR_DataSource& live, std::string* error) const {
   auto present = [this](LocallyUniqueID id) {
     return Find(variables, id) >= 0 ? id : LocallyUniqueID();
   };
-  std::vector<LocallyUniqueID> modelSplit;
-  std::vector<LocallyUniqueID> liveSplit;
+  std::vector<LocallyUniqueID> modelSplit, liveSplit;
   std::copy_if(split.begin(), split.end(), std::back_inserter(modelSplit),
                [&present](LocallyUniqueID id) { return !present(id).IsNone(); });
   for (int i = 0; i < live.GetNSplitVars(); ++i) liveSplit.push_back(live.GetSplitVarID(i));

@@ -29,9 +29,8 @@ class WatcherModel {
   std::vector<QUOR_Variable> variables;
   LocallyUniqueID weight, filter;
   std::vector<LocallyUniqueID> split;
-  bool separate = false;
+  bool separate = false, dirty = false;
   std::string label, fileSpec;
-  bool dirty = false;
   long long rowCount = -1;
   QUOR_TrendsInfo trends;
   std::map<int, std::string> extensions;  // payload by extension type
