@@ -1,6 +1,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -23,74 +24,50 @@ class TestSource : public SystemFileDataSource {
   bool throwOnRowCount = false;
 };
 
-LocallyUniqueID Id(char letter) { return LocallyUniqueID(0, static_cast<uint32_t>(letter - 'A' + 1)); }
+LocallyUniqueID Id(char letter) { return LocallyUniqueID(0, static_cast<uint32_t>(letter - '@')); }
 
 // Drives Update directly on one item and checks every queue against a
 // watcher's model of the dictionary.
 class ObserverViewTest : public ::testing::Test {
  protected:
-  ObserverViewTest() : source(new TestSource), item(new SvrDMItem(Id('Z'), source, nullptr, 5, "", true)) {}
-
-  QUOR_Variable Var(char letter) {
-    auto found = defs.find(letter);
-    if (found == defs.end()) found = defs.emplace(letter, QUOR_Variable(Id(letter), std::string(1, letter))).first;
-    return found->second;
-  }
-
-  // Makes the live list exactly `letters`, each with its current definition.
+  // Makes the live list exactly `letters`, each with its definition in `defs`.
   void Live(std::string const& letters) {
-    if (source->ColumnCount() > 0) source->DeleteVariables(0, static_cast<int>(source->ColumnCount()) - 1);
-    for (char letter : letters) source->InsertVariable(static_cast<long>(source->ColumnCount()), Var(letter));
+    while (source->ColumnCount() > 0) source->DeleteVariables(0, 0);
+    for (char letter : letters) {
+      defs.emplace(letter, QUOR_Variable(Id(letter), std::string(1, letter)));
+      source->InsertVariable(static_cast<long>(source->ColumnCount()), defs.at(letter));
+    }
   }
 
   // Runs Update and returns its queue as lines, after applying it to the
   // watcher model and checking that the model now equals the live source.
   Lines Update() {
     item->observerView.Update();
-    Lines lines = DescribeQueue(item->notifications);
     std::string error;
     EXPECT_TRUE(model.Apply(item->notifications, &error)) << error;
     EXPECT_TRUE(model.Matches(*source, &error)) << error;
-    for (DataSetMsg* message : item->notifications) {
-      auto* common = dynamic_cast<ModifyVarMsg*>(message);
-      if (common != nullptr) {
-        EXPECT_EQ(common->GetDataSetID(), Id('Z'));
-        EXPECT_EQ(common->GetCaseSequence(), item->caseSequence);
-        EXPECT_EQ(common->GetReserved(), 0u);
-      }
-    }
+    return Take();
+  }
+  // The queue as lines, emptied.
+  Lines Take() {
+    Lines lines = DescribeQueue(item->notifications);
     item->ClearNotifications();
     return lines;
   }
-
-  // Brings the view in line with `letters` and forgets the messages.
   void Start(std::string const& letters) {
     Live(letters);
     Update();
   }
 
   std::map<char, QUOR_Variable> defs;
-  TestSource* source;  // owned by the item
-  SvrDMItemPtr item;
+  TestSource* source = new TestSource;  // owned by the item
+  SvrDMItemPtr item{new SvrDMItem(Id('Z'), source, nullptr, 5, "", true)};
   WatcherModel model;
 };
 
-TEST_F(ObserverViewTest, FirstUpdateInsertsEachVariableThenResetsClients) {
-  source->rows = 12;
-  Live("AB");
-  EXPECT_EQ(Update(), (Lines{"Insert [A] before none", "Insert [B] before none", "ResetClient 12"}));
-  EXPECT_EQ(item->observerView.RowCountSeen(), 12);
-  EXPECT_EQ(Update(), Lines{});
-}
-
-struct VariableCase {
-  char const* view;
-  char const* live;
-  Lines expected;
-};
-
 TEST_F(ObserverViewTest, VariableDifferencesGiveExactlyTheirMessages) {
-  std::vector<VariableCase> const cases = {
+  // The snapshot's list, the live list, and the messages between them.
+  std::vector<std::tuple<std::string, std::string, Lines>> const cases = {
       {"ABC", "ABC", {}},
       {"ABC", "ABCD", {"Insert [D] before none"}},
       {"ABC", "AXBC", {"Insert [X] before B"}},
@@ -103,67 +80,38 @@ TEST_F(ObserverViewTest, VariableDifferencesGiveExactlyTheirMessages) {
       {"ABC", "", {"Delete [A,B,C]"}},
       {"", "ABC", {"Insert [A] before none", "Insert [B] before none", "Insert [C] before none"}},
   };
-  for (VariableCase const& c : cases) {
-    SCOPED_TRACE(std::string(c.view) + " -> " + c.live);
-    Start(c.view);
-    Live(c.live);
-    EXPECT_EQ(Update(), c.expected);
+  for (auto const& [view, live, expected] : cases) {
+    SCOPED_TRACE(view + " -> " + live);
+    Start(view);
+    Live(live);
+    EXPECT_EQ(Update(), expected);
   }
 }
 
-TEST_F(ObserverViewTest, ChangedDefinitionMarksLiveDirtyAndTypeChangeResetsClients) {
+TEST_F(ObserverViewTest, ChangedDefinitionsGoOutAsModifiesOrInBulk) {
   Start("ABCD");
   defs.at('A').SetLabel("first");
   Live("BCDA");
-  EXPECT_EQ(Update(), (Lines{"Move 1 -> 0", "Move 2 -> 1", "Move 3 -> 2", "Modify A", "Modified true"}));
-  EXPECT_TRUE(source->IsDirty());
-  EXPECT_EQ(Update(), Lines{});
+  EXPECT_EQ(Update(),
+            (Lines{"Move 1 -> 0", "Move 2 -> 1", "Move 3 -> 2", "Modify A", "Modified true"}));
+  defs.at('C').SetType(8);  // a new type also resets the clients' rows
+  Live("BCDA");
+  EXPECT_EQ(Update(), (Lines{"Modify C", "ResetClient 0"}));
 
   source->SetDirty(false);
-  EXPECT_EQ(Update(), Lines{"Modified false"});
-
-  defs.at('C').SetType(8);
-  Live("BCDA");
-  EXPECT_EQ(Update(), (Lines{"Modify C", "ResetClient 0", "Modified true"}));
-}
-
-TEST_F(ObserverViewTest, BulkPathReplacesTheListInTwoMessagesOnce) {
-  Start("");
-  item->observerView.BulkVarMoves(true);
-  EXPECT_EQ(Update(), (Lines{"Delete []", "Insert [] before none"}));
-  EXPECT_EQ(Update(), Lines{});  // one-shot
-
-  Start("ABC");
   defs.at('B').SetName("renamed");
-  Live("CAB");
+  Live("DBCA");
   item->observerView.BulkVarMoves(true);
-  EXPECT_EQ(Update(), (Lines{"Delete [A,B,C]", "Insert [C,A,B] before none"}));
+  EXPECT_EQ(Update(),
+            (Lines{"Delete [B,C,D,A]", "Insert [D,B,C,A] before none", "Modified false"}));
   EXPECT_FALSE(source->IsDirty());  // the bulk path leaves the live flag alone
-
-  item->observerView.BulkVarMoves(true);
-  item->observerView.BulkVarMoves(false);
-  Live("ABC");
+  Live("BCDA");                     // and is one-shot
   EXPECT_EQ(Update(), (Lines{"Move 1 -> 0", "Move 2 -> 1"}));
 }
 
-TEST_F(ObserverViewTest, ItemWithoutSourceReadsAsAnEmptyDictionary) {
-  Start("AB");
-  item->DeleteDataSource();
-  item->observerView.Update();
-  EXPECT_EQ(DescribeQueue(item->notifications), Lines{"Delete [A,B]"});
-  EXPECT_EQ(item->dataSource, nullptr);
-  item->ClearNotifications();
-  item->observerView.Update();
-  EXPECT_TRUE(item->notifications.empty());
-}
-
 TEST_F(ObserverViewTest, EveryPropertyChangedQueuesInTheFixedOrder) {
-  source->rows = 3;
   source->RowsPerImputation(4);
   Start("ABCDE");
-  source->SetWeightVar(0);
-  source->SetFilterVar(1);
-  Update();
 
   source->rows = 9;
   source->RowsPerImputation(0);
@@ -181,21 +129,31 @@ TEST_F(ObserverViewTest, EveryPropertyChangedQueuesInTheFixedOrder) {
   attributes.Set("owner", "lab");
   source->SetAttributes(attributes);
   source->SetDirty(true);
+  EXPECT_EQ(Update(),
+            (Lines{"Imputation 0", "Label 'Survey 2026'", "Weight C", "Trends", "Filter D",
+                   "Split 2 separate E C", "Extension 7", "Extension 19", "Extension 5",
+                   "Extension 0", "Extension 17", "ResetClient 9", "Modified true"}));
 
-  EXPECT_EQ(Update(), (Lines{"Imputation 0", "Label 'Survey 2026'", "Weight C", "Trends", "Filter D",
-                             "Split 2 separate E C", "Extension 7", "Extension 19", "Extension 5",
-                             "Extension 0", "Extension 17", "ResetClient 9", "Modified true"}));
-  EXPECT_EQ(Update(), Lines{});
+  // A filter set goes behind the trends (above), a filter removed ahead.
+  source->SetFilterVar(-1);
+  source->GetTrendsInfo()->SetText("monthly");
+  EXPECT_EQ(Update(), (Lines{"Filter none", "Trends"}));
 }
 
-TEST_F(ObserverViewTest, FilterRemovedGoesAheadOfTrendsAndFilterSetBehind) {
-  Start("AB");
-  source->SetFilterVar(1);
-  source->GetTrendsInfo()->SetText("one");
-  EXPECT_EQ(Update(), (Lines{"Trends", "Filter B"}));
-  source->SetFilterVar(-1);
-  source->GetTrendsInfo()->SetText("two");
-  EXPECT_EQ(Update(), (Lines{"Filter none", "Trends"}));
+TEST_F(ObserverViewTest, SplitAndMRSetsCompareInOrderAndMRSetsGoOutTwice) {
+  Start("ABC");
+  int const ab[] = {0, 1}, ba[] = {1, 0};
+  VariableSetImpl first{{Id('A')}, "one", "", "", {{0, 0, 0, 0, 0, 1}}};
+  VariableSetImpl second{{Id('B'), Id('C')}, "two", "", "", {{0, 0, 0, 0, 0, 2}}};
+  source->SetSplit(2, ab, false);
+  source->SetMRSets({first, second});
+  EXPECT_EQ(Update(), (Lines{"Split 2 A B", "Extension 7", "Extension 19"}));
+  source->SetSplit(2, ba, false);
+  source->SetMRSets({second, first});
+  EXPECT_EQ(Update(), (Lines{"Split 2 B A", "Extension 7", "Extension 19"}));
+  second.descriptor[0] = 9;  // the descriptor is compared whole
+  source->SetMRSets({second, first});
+  EXPECT_EQ(Update(), (Lines{"Extension 7", "Extension 19"}));
 }
 
 TEST_F(ObserverViewTest, PropertiesThatOnlyLookDifferentQueueNothing) {
@@ -203,97 +161,46 @@ TEST_F(ObserverViewTest, PropertiesThatOnlyLookDifferentQueueNothing) {
   source->SetWeightVar(2);
   EXPECT_EQ(Update(), Lines{"Weight C"});
   Live("CAB");  // the weight variable moved, it was not replaced
-  EXPECT_EQ(Update(), (Lines{"Move 2 -> 0"}));
-
+  EXPECT_EQ(Update(), Lines{"Move 2 -> 0"});
   source->SetLabel("");  // null and empty read alike
-  EXPECT_EQ(Update(), Lines{});
-  source->SetLabel("named");
-  Update();
-  source->SetLabel("");
-  EXPECT_EQ(Update(), Lines{"Label ''"});
-
-  // Rows per imputation is announced only when it drops to 0.
-  source->RowsPerImputation(5);
-  EXPECT_EQ(Update(), Lines{});
-  source->RowsPerImputation(7);
+  source->RowsPerImputation(5);  // only a drop to 0 is announced
+  source->SetSplit(0, nullptr, true);  // no split: the separate flag means nothing
   EXPECT_EQ(Update(), Lines{});
   source->RowsPerImputation(0);
   EXPECT_EQ(Update(), Lines{"Imputation 0"});
-
-  // With no split variables the separate flag means nothing.
-  source->SetSplit(0, nullptr, true);
-  EXPECT_EQ(Update(), Lines{});
-}
-
-TEST_F(ObserverViewTest, SplitComparesIdentifiersInOrder) {
-  Start("ABC");
-  int const ab[] = {0, 1};
-  int const ba[] = {1, 0};
-  source->SetSplit(2, ab, false);
-  EXPECT_EQ(Update(), Lines{"Split 2 A B"});
-  source->SetSplit(2, ba, false);
-  EXPECT_EQ(Update(), Lines{"Split 2 B A"});
-  source->SetSplit(2, ba, true);
-  EXPECT_EQ(Update(), Lines{"Split 2 separate B A"});
-  source->SetSplit(0, nullptr, false);
-  EXPECT_EQ(Update(), Lines{"Split 0"});
-}
-
-TEST_F(ObserverViewTest, MRSetsGoOutTwiceAndOrderCounts) {
-  Start("ABC");
-  VariableSetImpl first{{Id('A')}, "one", "", "", {{0, 0, 0, 0, 0, 1}}};
-  VariableSetImpl second{{Id('B'), Id('C')}, "two", "", "", {{0, 0, 0, 0, 0, 2}}};
-  source->SetMRSets({first, second});
-  EXPECT_EQ(Update(), (Lines{"Extension 7", "Extension 19"}));
-  source->SetMRSets({second, first});
-  EXPECT_EQ(Update(), (Lines{"Extension 7", "Extension 19"}));
-  second.descriptor[0] = 9;  // the descriptor is compared whole
-  source->SetMRSets({second, first});
-  EXPECT_EQ(Update(), (Lines{"Extension 7", "Extension 19"}));
-  source->SetVariableSets({first});
-  EXPECT_EQ(Update(), Lines{"Extension 5"});
-}
-
-TEST_F(ObserverViewTest, OnlyRowCountChangedGivesOneReset) {
-  Start("AB");
-  source->rows = 40;
-  EXPECT_EQ(Update(), Lines{"ResetClient 40"});
-}
-
-TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsAndNotForSharedNames) {
-  source->SetFileSpec("/data/a.csv");
-  EXPECT_EQ(Update(), (Lines{"FileSpec '/data/a.csv'", "ResetClient 0"}));
-  EXPECT_EQ(item->fileName, "/data/a.csv");
-
-  item->sharedFileName = "/data/b.csv";
-  source->SetFileSpec("/data/b.csv");
+  // Every message of a pass carries the item's identifier and case sequence.
+  source->SetLabel("x");
+  item->caseSequence = 9;
   item->observerView.Update();
-  EXPECT_TRUE(item->notifications.empty());
-  item->observerView.Update();  // the same comparison recurs, still silent
-  EXPECT_TRUE(item->notifications.empty());
-  EXPECT_EQ(std::string(item->observerView.Snapshot().GetFileSpec()), "/data/a.csv");
-  EXPECT_EQ(item->fileName, "/data/a.csv");
+  ASSERT_EQ(item->notifications.size(), 1u);
+  EXPECT_EQ(item->notifications[0]->GetDataSetID(), Id('Z'));
+  EXPECT_EQ(item->notifications[0]->GetCaseSequence(), 9u);
+  EXPECT_EQ(item->notifications[0]->GetReserved(), 0u);
 }
 
-TEST_F(ObserverViewTest, FileSpecOfAChainIsReadAtTheHeadAndJudgedByTheRoot) {
+TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsOnlyAndNeverForSharedNames) {
   // A head that is no file source over a file root: announced, head's text.
   auto* head = new DataFreeDataSource();
   head->SetParentSource(item->dataSource);
   item->dataSource = head;
-  head->SetFileSpec("/head.csv");
-  source->SetFileSpec("/root.csv");
+  head->SetFileSpec("/data/a.csv");
   item->observerView.Update();
-  Lines lines = DescribeQueue(item->notifications);
-  EXPECT_EQ(lines.at(0), "FileSpec '/head.csv'");
-  item->ClearNotifications();
+  EXPECT_EQ(Take(), (Lines{"FileSpec '/data/a.csv'", "ResetClient 0"}));
+  EXPECT_EQ(item->fileName, "/data/a.csv");
+
+  // A dataset that shares its file never announces it, however often asked.
+  item->sharedFileName = "/data/b.csv";
+  head->SetFileSpec("/data/b.csv");
+  item->observerView.Update();
+  item->observerView.Update();
+  EXPECT_EQ(Take(), Lines{});
 
   // A chain whose root is no file source: the view takes the spec silently.
-  SvrDMItemPtr other(new SvrDMItem(Id('Y'), new DataFreeDataSource(), nullptr, 0, "", true));
-  other->dataSource->SetFileSpec("/elsewhere.csv");
-  other->observerView.Update();
-  EXPECT_EQ(DescribeQueue(other->notifications), Lines{"ResetClient 0"});
-  EXPECT_EQ(std::string(other->observerView.Snapshot().GetFileSpec()), "/elsewhere.csv");
-  EXPECT_EQ(other->fileName, "");
+  item->SetDataSet(new DataFreeDataSource());
+  item->dataSource->SetFileSpec("/elsewhere.csv");
+  item->observerView.Update();
+  EXPECT_EQ(Take(), Lines{"ResetUndo"});
+  EXPECT_EQ(std::string(item->observerView.Snapshot().GetFileSpec()), "/elsewhere.csv");
 }
 
 TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
@@ -303,10 +210,9 @@ TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
   source->throwOnRowCount = true;
   EXPECT_THROW(item->observerView.Update(), std::runtime_error);
   // The variable stage had finished: its messages stay queued.
-  EXPECT_EQ(DescribeQueue(item->notifications), (Lines{"Move 1 -> 0", "Insert [C] before none"}));
   std::string error;
   ASSERT_TRUE(model.Apply(item->notifications, &error)) << error;
-  item->ClearNotifications();
+  EXPECT_EQ(Take(), (Lines{"Move 1 -> 0", "Insert [C] before none"}));
   source->throwOnRowCount = false;
   EXPECT_EQ(Update(), Lines{"ResetClient 6"});
 }

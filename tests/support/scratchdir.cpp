@@ -1,78 +1,44 @@
 #include "support/scratchdir.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <stdexcept>
+#include <iterator>
+#include <system_error>
+
+namespace fs = std::filesystem;
 
 namespace {
-[[noreturn]] void Fail(std::string const& what, std::string const& path) {
-  throw std::runtime_error(what + " " + path + ": " + std::strerror(errno));
+void ThrowIf(bool failed, std::string const& what) {
+  if (failed) throw std::system_error(errno, std::generic_category(), what);
 }
 }  // namespace
 
-ScratchDir::ScratchDir() {
-  char const* base = std::getenv("TMPDIR");
-  std::string pattern = std::string(base != nullptr && *base != '\0' ? base : "/tmp") +
-                        "/sdm-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (mkdtemp(buffer.data()) == nullptr) Fail("mkdtemp", pattern);
-  path_ = buffer.data();
+ScratchDir::ScratchDir() : path_((fs::temp_directory_path() / "sdm-test-XXXXXX").string()) {
+  ThrowIf(mkdtemp(path_.data()) == nullptr, "mkdtemp " + path_);
 }
 
 ScratchDir::~ScratchDir() {
-  for (std::string const& file : written_) unlink(file.c_str());
-  rmdir(path_.c_str());
+  std::error_code ignored;
+  fs::remove_all(path_, ignored);
 }
-
-std::string ScratchDir::PathOf(std::string const& name) const { return path_ + "/" + name; }
 
 std::string ScratchDir::Write(std::string const& name, std::string const& contents) {
-  std::string full = PathOf(name);
-  std::ofstream out(full, std::ios::binary | std::ios::trunc);
-  out << contents;
-  out.close();
-  if (!out) Fail("write", full);
-  written_.push_back(full);
-  return full;
-}
-
-std::string ScratchDir::Link(std::string const& existing, std::string const& name) {
-  std::string full = PathOf(name);
-  if (link(PathOf(existing).c_str(), full.c_str()) != 0) Fail("link", full);
-  written_.push_back(full);
+  std::string const full = PathOf(name);
+  ThrowIf(!(std::ofstream(full, std::ios::binary) << contents), "write " + full);
   return full;
 }
 
 void SetModificationTime(std::string const& path, int64_t seconds) {
-  struct timespec times[2];
-  times[0].tv_sec = 0;
-  times[0].tv_nsec = UTIME_OMIT;
-  times[1].tv_sec = static_cast<time_t>(seconds);
-  times[1].tv_nsec = 0;
-  if (utimensat(AT_FDCWD, path.c_str(), times, 0) != 0) Fail("utimensat", path);
-}
-
-int64_t ModificationTime(std::string const& path) {
-  struct stat status;
-  if (stat(path.c_str(), &status) != 0) Fail("stat", path);
-  return static_cast<int64_t>(status.st_mtime);
+  struct timespec const times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(seconds), 0}};
+  ThrowIf(utimensat(AT_FDCWD, path.c_str(), times, 0) != 0, "utimensat " + path);
 }
 
 int CountOpenDescriptors() {
-  DIR* dir = opendir("/proc/self/fd");
-  if (dir == nullptr) Fail("opendir", "/proc/self/fd");
-  int count = 0;
-  while (dirent const* entry = readdir(dir)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(dir);
-  return count;
+  fs::directory_iterator const entries("/proc/self/fd");
+  return static_cast<int>(std::distance(entries, fs::directory_iterator()));
 }
