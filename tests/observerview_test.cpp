@@ -195,7 +195,7 @@ TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsOnlyAndNeverForSharedNam
   item->observerView.Update();
   EXPECT_EQ(Take(), Lines{});
 
-  // A chain whose root is no file source: the view takes the spec silently.
+  // A chain whose root is no file source: the view takes the FileSpec silently.
   item->SetDataSet(new DataFreeDataSource());
   item->dataSource->SetFileSpec("/elsewhere.csv");
   item->observerView.Update();

@@ -284,22 +284,22 @@ void SvrDMObserverView::Data::UpdateProperties(QUOR_DataSource& live, int nSplit
 }
 
 void SvrDMObserverView::Data::UpdateFileSpec(QUOR_DataSource& live) {
-  char const* spec = live.GetFileSpec();
-  if (std::strcmp(spec, view.GetFileSpec()) == 0) return;
+  char const* liveFileSpec = live.GetFileSpec();
+  if (std::strcmp(liveFileSpec, view.GetFileSpec()) == 0) return;
   // A dataset added for a file that another dataset holds keeps that name
-  // to itself: it is not announced, and the view keeps its old spec, so the
-  // same comparison recurs until the spec moves on.
-  if (pItem->sharedFileName == spec) return;
+  // to itself: it is not announced, and the view keeps its old FileSpec, so
+  // the same comparison recurs until the name moves on.
+  if (pItem->sharedFileName == liveFileSpec) return;
 
   QUOR_DataSource const* root = &live;
   while (root->GetParentSource() != nullptr) root = root->GetParentSource();
   // Only a chain that rests on a data file has a file name to announce.
   if (dynamic_cast<SystemFileDataSource const*>(root) != nullptr) {
-    std::string const text(spec);
-    Queue<FileSpecChangeMsg>(text.c_str(), true);
-    pItem->FileName(text);
+    std::string const fileSpec(liveFileSpec);
+    Queue<FileSpecChangeMsg>(fileSpec.c_str(), true);
+    pItem->FileName(fileSpec);
   }
-  view.SetFileSpec(spec);
+  view.SetFileSpec(liveFileSpec);
 }
 
 // One filter change gives one message: ahead of the trends message when the
