@@ -232,7 +232,9 @@ class QUOR_DataSource {
     ~Extension() = default;
 
     bool IsEmpty() const { return !impl_.IsValid(); }
-    operator RefCountPtr<QUOR_ExtensionImpl> const&() const { return impl_; }  // NOLINT: implicit on purpose
+    operator RefCountPtr<QUOR_ExtensionImpl> const&() const {
+      return impl_;
+    }  // NOLINT: implicit on purpose
     RefCountPtr<QUOR_ExtensionImpl> const& Get() const { return impl_; }
 
    private:

@@ -25,7 +25,9 @@ struct LocallyUniqueID {
   // The word form used in messages and byte strings. Built by shifts, so it
   // does not depend on how the compiler lays out the bit fields.
   static LocallyUniqueID FromWord(uint32_t word) { return LocallyUniqueID(word & 0xFu, word >> 4); }
-  uint32_t ToWord() const { return (static_cast<uint32_t>(serial) << 4) | static_cast<uint32_t>(group); }
+  uint32_t ToWord() const {
+    return (static_cast<uint32_t>(serial) << 4) | static_cast<uint32_t>(group);
+  }
   bool IsNone() const { return ToWord() == kNone; }
 
   bool operator==(LocallyUniqueID const& o) const { return group == o.group && serial == o.serial; }
@@ -107,6 +109,7 @@ int QUORMBstricmp_A(char const* a, char const* b);
 // zone is applied). Stores the value in *result and returns 0; returns 1 and
 // leaves *result alone when the month, day, hour, minute or second is out of
 // range.
-int iDMY2Quor(long day, long month, long year, long hour, long minute, double second, double* result);
+int iDMY2Quor(long day, long month, long year, long hour, long minute, double second,
+              double* result);
 
 #endif  // SDM_CONTRACTS_PLATFORM_H

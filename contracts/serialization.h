@@ -35,8 +35,8 @@ class VUGlobal {
 // time.
 class VStream {
  public:
-  VStream() = default;                                  // storing, empty
-  explicit VStream(std::vector<uint8_t> bytes);         // loading `bytes`
+  VStream() = default;                           // storing, empty
+  explicit VStream(std::vector<uint8_t> bytes);  // loading `bytes`
 
   bool IsLoading() const { return loading_; }
   // Switches a written stream to reading from its first byte.

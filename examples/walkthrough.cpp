@@ -81,9 +81,11 @@ struct ClientCopy {
 
   void Apply(DataSetMsg const* message) {
     if (auto const* m = dynamic_cast<DeleteVarsMsg const*>(message)) {
-      for (QUOR_Variable const& v : m->GetVariables()) variables.erase(variables.begin() + Find(v.GetID()));
+      for (QUOR_Variable const& v : m->GetVariables())
+        variables.erase(variables.begin() + Find(v.GetID()));
     } else if (auto const* m = dynamic_cast<InsertVarsMsg const*>(message)) {
-      int at = m->GetBeforeID().IsNone() ? static_cast<int>(variables.size()) : Find(m->GetBeforeID());
+      int at =
+          m->GetBeforeID().IsNone() ? static_cast<int>(variables.size()) : Find(m->GetBeforeID());
       variables.insert(variables.begin() + at, m->GetVariables().begin(), m->GetVariables().end());
     } else if (auto const* m = dynamic_cast<MoveVarsMsg const*>(message)) {
       QUOR_Variable moved = variables[m->GetIndices()[0]];
@@ -116,10 +118,12 @@ struct ClientCopy {
 // The same description, read from the live source.
 std::string DescribeLive(QUOR_DataSource const& source) {
   ClientCopy live;
-  for (unsigned i = 0; i < source.ColumnCount(); ++i) live.variables.push_back(source.GetVariable(static_cast<int>(i)));
+  for (unsigned i = 0; i < source.ColumnCount(); ++i)
+    live.variables.push_back(source.GetVariable(static_cast<int>(i)));
   live.weight = source.GetWeightVariableID();
   live.filter = source.GetFilterVariableID();
-  for (int i = 0; i < source.GetNSplitVars(); ++i) live.split.push_back(source.GetSplitVarID(static_cast<unsigned>(i)));
+  for (int i = 0; i < source.GetNSplitVars(); ++i)
+    live.split.push_back(source.GetSplitVarID(static_cast<unsigned>(i)));
   live.label = source.GetLabel() != nullptr ? source.GetLabel() : "";
   return live.Describe();
 }
@@ -164,8 +168,8 @@ class PrintingChannel : public PackageProxy {
   explicit PrintingChannel(Output& out) : out_(out) {}
   void SendToClient(int32_t number, VSerializable& message) override {
     auto& error = dynamic_cast<ReportedErrorMsg&>(message);
-    out_.Event("client channel " + std::to_string(number) + ": " + message.GetClassName() + " severity " +
-               std::to_string(error.GetSeverity()) + ": " + error.GetText());
+    out_.Event("client channel " + std::to_string(number) + ": " + message.GetClassName() +
+               " severity " + std::to_string(error.GetSeverity()) + ": " + error.GetText());
   }
 
  private:
@@ -174,7 +178,8 @@ class PrintingChannel : public PackageProxy {
 
 std::string Hex(std::string const& bytes) {
   std::ostringstream out;
-  for (unsigned char c : bytes) out << std::hex << std::setw(2) << std::setfill('0') << static_cast<int>(c);
+  for (unsigned char c : bytes)
+    out << std::hex << std::setw(2) << std::setfill('0') << static_cast<int>(c);
   return out.str();
 }
 
@@ -188,12 +193,13 @@ std::string OtherByteOrder(std::string form) {
   };
   auto count = [&form, &at]() {
     uint32_t n = 0;
-    for (int i = 3; i >= 0; --i) n = (n << 8) | static_cast<unsigned char>(form[at + static_cast<std::size_t>(i)]);
+    for (int i = 3; i >= 0; --i)
+      n = (n << 8) | static_cast<unsigned char>(form[at + static_cast<std::size_t>(i)]);
     return n;  // read before the swap, in this machine's order
   };
-  swap(2);  // byte-order mark
-  swap(4);  // format version
-  swap(4);  // sampling method
+  swap(2);                                // byte-order mark
+  swap(4);                                // format version
+  swap(4);                                // sampling method
   for (int list = 0; list < 6; ++list) {  // five variable lists and the auxiliary indices
     uint32_t n = count();
     swap(4);
@@ -205,9 +211,9 @@ std::string OtherByteOrder(std::string form) {
     swap(8);
     swap(4);
   }
-  swap(8);  // level
-  swap(4);  // interval type
-  swap(4);  // sample count
+  swap(8);      // level
+  swap(4);      // interval type
+  swap(4);      // sample count
   return form;  // the last byte needs no swap
 }
 
@@ -264,8 +270,8 @@ int main(int argc, char** argv) {
   out.Section("A dataset is added from " + path);
   auto* source = new SystemFileDataSource(file);
   LocallyUniqueID const id = registry.Add(*source, file, false);
-  out.Event("dataset " + Word(id) + " holds " + std::to_string(source->ColumnCount()) + " variables and " +
-            std::to_string(source->RowCount()) + " rows");
+  out.Event("dataset " + Word(id) + " holds " + std::to_string(source->ColumnCount()) +
+            " variables and " + std::to_string(source->RowCount()) + " rows");
 
   ClientCopy copy;
   DatasetWatcher watcher(out, copy);
@@ -320,14 +326,17 @@ int main(int argc, char** argv) {
     SvrDMInputDataSource reader(id, false);
     std::string const live = DescribeLive(*reader);
     out.Event("watcher's copy after:  " + copy.Describe());
-    out.Event(copy.Describe() == live ? "the copy equals the live dictionary" : "THE COPY DIFFERS from " + live);
+    out.Event(copy.Describe() == live ? "the copy equals the live dictionary"
+                                      : "THE COPY DIFFERS from " + live);
   }
 
   out.Section("The data file is touched behind the server's back");
-  out.Event(std::string("changed before: ") + (registry.SavFileExternallyChanged(file) ? "yes" : "no"));
+  out.Event(std::string("changed before: ") +
+            (registry.SavFileExternallyChanged(file) ? "yes" : "no"));
   struct timeval past[2] = {{1000000000, 0}, {1000000000, 0}};
   utimes(file.c_str(), past);
-  out.Event(std::string("changed after touching it: ") + (registry.SavFileExternallyChanged(file) ? "yes" : "no"));
+  out.Event(std::string("changed after touching it: ") +
+            (registry.SavFileExternallyChanged(file) ? "yes" : "no"));
 
   out.Section("Errors and warnings reach the client");
   PrintingChannel channel(out);

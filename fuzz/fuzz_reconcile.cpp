@@ -31,7 +31,8 @@ class CheckingWatcher : public SvrDMDataSetObserver {
   void DataSetChanged(SvrDMWriteableDataSource const* access) override {
     ++passes;
     std::string error;
-    if (!model.Apply(access->GetNotifications(), &error) || !model.Matches(*access->GetDataSource(), &error)) {
+    if (!model.Apply(access->GetNotifications(), &error) ||
+        !model.Matches(*access->GetDataSource(), &error)) {
       std::fprintf(stderr, "watcher diverged: %s\n", error.c_str());
       for (std::string const& line : DescribeQueue(access->GetNotifications())) {
         std::fprintf(stderr, "  %s\n", line.c_str());
@@ -50,7 +51,8 @@ void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
     case 1:
       if (n < 300) {
         ++nextSerial;
-        live.InsertVariable(script.Below(n + 1), QUOR_Variable(LocallyUniqueID(0, nextSerial), "v", script.Below(3)));
+        live.InsertVariable(script.Below(n + 1),
+                            QUOR_Variable(LocallyUniqueID(0, nextSerial), "v", script.Below(3)));
       }
       break;
     case 2:
@@ -68,13 +70,17 @@ void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
       }
       break;
     case 4:
-      if (n > 0) live.GetVariable(script.Below(n)).SetName(std::string(1, static_cast<char>('a' + script.Below(26))));
+      if (n > 0)
+        live.GetVariable(script.Below(n))
+            .SetName(std::string(1, static_cast<char>('a' + script.Below(26))));
       break;
     case 5:
       if (n > 0) live.GetVariable(script.Below(n)).SetType(script.Below(4));
       break;
     case 6:
-      if (n > 0) live.GetVariable(script.Below(n)).SetLabel(std::string(static_cast<size_t>(script.Below(3)), 'l'));
+      if (n > 0)
+        live.GetVariable(script.Below(n))
+            .SetLabel(std::string(static_cast<size_t>(script.Below(3)), 'l'));
       break;
     case 7:
       live.SetWeightVar(script.Below(n + 1) - 1);
@@ -90,7 +96,9 @@ void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
       break;
     }
     case 10:
-      live.SetLabel(script.Below(3) == 0 ? nullptr : std::string(static_cast<size_t>(script.Below(4)), 'x').c_str());
+      live.SetLabel(script.Below(3) == 0
+                        ? nullptr
+                        : std::string(static_cast<size_t>(script.Below(4)), 'x').c_str());
       break;
     case 11:
       live.SetFileSpec(("/nonexistent/" + std::to_string(script.Below(3))).c_str());
@@ -112,7 +120,8 @@ void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
       DatasourceAttributes attributes;
       if (script.Below(2) == 1) attributes.Set("k", std::to_string(script.Below(3)));
       live.SetAttributes(attributes);
-      live.SetExtension(QUOR_DataSource::Extension(0, std::string(static_cast<size_t>(script.Below(3)), 'e')));
+      live.SetExtension(
+          QUOR_DataSource::Extension(0, std::string(static_cast<size_t>(script.Below(3)), 'e')));
       live.RowsPerImputation(script.Below(3));
       live.GetTrendsInfo()->SetText(std::string(static_cast<size_t>(script.Below(2)), 't'));
       break;
@@ -136,7 +145,8 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     {
       SvrDMWriteableDataSource access(registry, id, false, nullptr);
       // Up to 16 edits, then the access ends and the watcher checks.
-      for (int edits = script.Below(16); edits >= 0 && !script.Done(); --edits) Edit(script, *access, nextSerial);
+      for (int edits = script.Below(16); edits >= 0 && !script.Done(); --edits)
+        Edit(script, *access, nextSerial);
       if (script.Below(8) == 0) access.BulkVarMoves();
     }
     int const passes = watcher.passes;

@@ -51,6 +51,7 @@ int iDMY2Quor(long day, long month, long year, long hour, long minute, double se
     return 1;
   }
   long long days = DaysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day));
-  *result = static_cast<double>(days) * 86400.0 + static_cast<double>(hour * 3600 + minute * 60) + second;
+  *result =
+      static_cast<double>(days) * 86400.0 + static_cast<double>(hour * 3600 + minute * 60) + second;
   return 0;
 }

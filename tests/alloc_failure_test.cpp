@@ -33,7 +33,9 @@ std::string const& File(int i) {
   static ScratchDir dir;
   static std::vector<std::string> const files = [] {
     std::vector<std::string> names;
-    for (int n = 0; n < 4; ++n) names.push_back(dir.Write("data-file-with-a-long-name-" + std::to_string(n) + ".csv", "a\n1\n"));
+    for (int n = 0; n < 4; ++n)
+      names.push_back(
+          dir.Write("data-file-with-a-long-name-" + std::to_string(n) + ".csv", "a\n1\n"));
     return names;
   }();
   return files[static_cast<std::size_t>(i)];
@@ -136,7 +138,8 @@ long RunOnce(Scenario const& s, long k, bool persistent, long* counted) {
     s.check(w, threw);
     // The datasets nobody touched are as they were, and the registry lock is
     // free for another thread (a held one would hang this test).
-    for (std::size_t i = 1; i < 3; ++i) EXPECT_EQ(w.registry.GetDataSet(w.ids[i]).get(), w.items[i]);
+    for (std::size_t i = 1; i < 3; ++i)
+      EXPECT_EQ(w.registry.GetDataSet(w.ids[i]).get(), w.items[i]);
     LocallyUniqueID added = w.registry.Add(*TrackedSource::Chain(1), "", false);
     std::thread([&] { EXPECT_TRUE(w.registry.GetDataSet(added).IsValid()); }).join();
     w.registry.Delete(added);
@@ -146,7 +149,9 @@ long RunOnce(Scenario const& s, long k, bool persistent, long* counted) {
   EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
   EXPECT_EQ(CountOpenDescriptors(), descriptors) << "files left open";
   // Not after the first run, which builds what the libraries build once.
-  if (k > 0 && !::testing::Test::HasFailure()) { EXPECT_EQ(failing_new::LiveBlocks(), blocks) << "blocks left over"; }
+  if (k > 0 && !::testing::Test::HasFailure()) {
+    EXPECT_EQ(failing_new::LiveBlocks(), blocks) << "blocks left over";
+  }
   return failed;
 }
 
@@ -175,7 +180,8 @@ void ExpectAdded(World& w, bool threw, LocallyUniqueID id, uint32_t nextSerial) 
   EXPECT_EQ(w.registry.AddEmpty(true), LocallyUniqueID(0, nextSerial)) << "identifier counter";
 }
 
-TrackedSource* StartingSource() {  // eight variables over a file root, which announces its spec
+// Eight variables over a data-file root, so a new file path is announced.
+TrackedSource* StartingSource() {
   TrackedSource* source = new TrackedSource(8, 1);
   source->SetParentSource(new SystemFileDataSource());
   source->rows = 3;
@@ -264,13 +270,26 @@ std::vector<std::string> Fields(SvrBootstrapSpecs const& s) {
     for (auto const& item : list) text += std::to_string(item) + ",";
     return text;
   };
-  auto bits = [](double d) { uint64_t b; std::memcpy(&b, &d, 8); return std::to_string(b); };
+  auto bits = [](double d) {
+    uint64_t b;
+    std::memcpy(&b, &d, 8);
+    return std::to_string(b);
+  };
   std::string pairs;
-  for (auto const& p : s.GetAuxPairList()) pairs += bits(p.first) + ":" + std::to_string(p.second) + ",";
-  return {std::to_string(s.GetSamplingMethod()), join(s.GetStrataVarList()), join(s.GetDependVarList()),
-          join(s.GetInputVarList()), join(s.GetPredictedVarList()), join(s.GetResidualVarList()),
-          join(s.GetAuxIndexList()), pairs, bits(s.GetCILevelPct()), std::to_string(s.GetCIType()),
-          std::to_string(s.GetNSamples()), std::to_string(s.GetExcludeUserMiss())};
+  for (auto const& p : s.GetAuxPairList())
+    pairs += bits(p.first) + ":" + std::to_string(p.second) + ",";
+  return {std::to_string(s.GetSamplingMethod()),
+          join(s.GetStrataVarList()),
+          join(s.GetDependVarList()),
+          join(s.GetInputVarList()),
+          join(s.GetPredictedVarList()),
+          join(s.GetResidualVarList()),
+          join(s.GetAuxIndexList()),
+          pairs,
+          bits(s.GetCILevelPct()),
+          std::to_string(s.GetCIType()),
+          std::to_string(s.GetNSamples()),
+          std::to_string(s.GetExcludeUserMiss())};
 }
 
 SvrBootstrapSpecs Held() {
@@ -293,14 +312,25 @@ Scenario SetDataSetCase(std::string name, int which) {
   auto prepare = [which](World& w) {
     bool const empty = which < 2;
     w.source = empty ? nullptr : TrackedSource::Chain(3, 2, 100);
-    w.item = w.registry.GetDataSet(empty ? w.registry.AddEmpty(true) : w.registry.Add(*w.source, File(3), true));
+    w.item = w.registry.GetDataSet(empty ? w.registry.AddEmpty(true)
+                                         : w.registry.Add(*w.source, File(3), true));
     w.item->FileName(File(3));
     switch (which) {
-      case 2: w.next = w.source; break;
-      case 3: w.next = w.source->GetParentSource(); break;
-      case 1: case 4: w.next = TrackedSource::Chain(1, 2, 200); break;
-      case 5: w.next = TrackedSource::Chain(2, 2, 200); break;
-      default: w.next = nullptr;
+      case 2:
+        w.next = w.source;
+        break;
+      case 3:
+        w.next = w.source->GetParentSource();
+        break;
+      case 1:
+      case 4:
+        w.next = TrackedSource::Chain(1, 2, 200);
+        break;
+      case 5:
+        w.next = TrackedSource::Chain(2, 2, 200);
+        break;
+      default:
+        w.next = nullptr;
     }
     if (which == 4) w.next->SetParentSource(w.source);
     w.deleted = which == 3 ? 1 : which >= 5 ? 3 : 0;
@@ -316,9 +346,14 @@ Scenario SetDataSetCase(std::string name, int which) {
     EXPECT_EQ(w.item->dataSource, w.next);
     EXPECT_EQ(TrackedSource::live, w.sourcesBefore - w.deleted) << "sources deleted wrongly";
     EXPECT_EQ(VUGlobal::LiveBlocks(), w.blocks + static_cast<long>(w.item->notifications.size()));
-    EXPECT_TRUE(threw ? w.item->notifications.size() <= 1 : w.item->notifications.size() == (hadSource ? 1u : 0u));
-    if (threw && hadSource) { EXPECT_EQ(w.item->lockedFile, nullptr); }
-    if (!threw) { EXPECT_EQ(w.item->lockedFile != nullptr, w.next != nullptr); }
+    EXPECT_TRUE(threw ? w.item->notifications.size() <= 1
+                      : w.item->notifications.size() == (hadSource ? 1u : 0u));
+    if (threw && hadSource) {
+      EXPECT_EQ(w.item->lockedFile, nullptr);
+    }
+    if (!threw) {
+      EXPECT_EQ(w.item->lockedFile != nullptr, w.next != nullptr);
+    }
     delete std::exchange(w.writer, nullptr);
     SvrDMWriteableDataSource again(w.item, true, nullptr);
     again.SetDataSet(TrackedSource::Chain(2, 1, 300));
@@ -346,9 +381,15 @@ Scenario CloneCase(std::string name, bool copy) {
     w.callerOwns = threw && !copy && live == w.sourcesBefore;
     EXPECT_TRUE(live == w.sourcesBefore || (threw && !copy && live == w.sourcesBefore - 3));
     SvrDMCloneDataSource* made = (copy ? w.clone2 : w.clone1).get();
-    if (!threw) { EXPECT_EQ(made->ColumnCount(), 3u + (copy ? 0 : 1)); }
-    if (made != nullptr) { EXPECT_EQ(made->RowCount(), 7); }
-    if (copy) { EXPECT_EQ(w.clone1->RowCount(), 7); }
+    if (!threw) {
+      EXPECT_EQ(made->ColumnCount(), 3u + (copy ? 0 : 1));
+    }
+    if (made != nullptr) {
+      EXPECT_EQ(made->RowCount(), 7);
+    }
+    if (copy) {
+      EXPECT_EQ(w.clone1->RowCount(), 7);
+    }
   };
   return {std::move(name), prepare, act, check};
 }
@@ -382,7 +423,9 @@ std::vector<Scenario> const& Scenarios() {
          w.item->InitializeErrorMonitor(&w.proxy);
          w.blocks = VUGlobal::LiveBlocks();
        },
-       [](World& w) { w.item->GetErrorMonitor()->Report(ErrorText{"a warning longer than a small buffer", 2, 7}); },
+       [](World& w) {
+         w.item->GetErrorMonitor()->Report(ErrorText{"a warning longer than a small buffer", 2, 7});
+       },
        [](World& w, bool threw) {
          InteractiveErrorMonitor* monitor = w.item->GetErrorMonitor();
          EXPECT_TRUE(monitor->GetProxy() == &w.proxy && monitor->GetDataSetID() == w.ids[0]);
@@ -402,15 +445,22 @@ std::vector<Scenario> const& Scenarios() {
        // However the end failed, the lock and the counters are let go.
        [](World& w, bool threw) {
          EXPECT_EQ(w.item->writersCount + w.item->readersCount, 0);
-         std::thread([&] { EXPECT_TRUE(SvrDMInputDataSource(w.item, true).HasDataSource()); }).join();
+         std::thread([&] {
+           EXPECT_TRUE(SvrDMInputDataSource(w.item, true).HasDataSource());
+         }).join();
          EXPECT_EQ(w.passes.count, threw ? 0 : 1);
          CheckUpdate(w, threw);
          w.item->Unregister(w.passes);
        }},
-      SetDataSetCase("SetDataSetNullOverNull", 0), SetDataSetCase("SetDataSetFirstSource", 1),
-      SetDataSetCase("SetDataSetSameHead", 2), SetDataSetCase("SetDataSetAncestor", 3),
-      SetDataSetCase("SetDataSetDescendant", 4), SetDataSetCase("SetDataSetUnrelated", 5),
-      SetDataSetCase("SetDataSetNull", 6), CloneCase("CloneConstruction", false), CloneCase("CloneCopy", true),
+      SetDataSetCase("SetDataSetNullOverNull", 0),
+      SetDataSetCase("SetDataSetFirstSource", 1),
+      SetDataSetCase("SetDataSetSameHead", 2),
+      SetDataSetCase("SetDataSetAncestor", 3),
+      SetDataSetCase("SetDataSetDescendant", 4),
+      SetDataSetCase("SetDataSetUnrelated", 5),
+      SetDataSetCase("SetDataSetNull", 6),
+      CloneCase("CloneConstruction", false),
+      CloneCase("CloneCopy", true),
       {"DeserializeSpecsIntoAFullRecord",
        [](World& w) {
          w.text = Seed("rich_le");
@@ -439,7 +489,8 @@ TEST_P(AllocationFailure, EveryAllocationFailedInTurn) {
     long counted = 0, k = 0;
     RunOnce(GetParam(), 0, persistent, &counted);
     while (!HasFailure() && ++k < 20000) {
-      SCOPED_TRACE("allocation " + std::to_string(k) + (persistent ? " and later ones" : "") + " failing");
+      SCOPED_TRACE("allocation " + std::to_string(k) + (persistent ? " and later ones" : "") +
+                   " failing");
       if (RunOnce(GetParam(), k, persistent, &counted) == 0) break;
     }
     std::printf("[ injection ] %-40s %-10s %3ld points\n", GetParam().name.c_str(),
@@ -460,7 +511,8 @@ TEST(BootstrapSweep, KeepsWhatFitsWholeAndNeverOverAllocates) {
     SvrBootstrapSpecsSerializer::deserializeSpecs(form, specs);
     failing_new::Disarm();
     ++reads;
-    EXPECT_LE(failing_new::LargestRequest(), 2 * form.size() + 256) << "for " << form.size() << " bytes";
+    EXPECT_LE(failing_new::LargestRequest(), 2 * form.size() + 256)
+        << "for " << form.size() << " bytes";
     return specs;
   };
   DIR* listing = opendir(SDM_BOOTSTRAP_CORPUS_DIR);
@@ -473,14 +525,18 @@ TEST(BootstrapSweep, KeepsWhatFitsWholeAndNeverOverAllocates) {
     bool const big = form.size() >= 2 && !(form[0] == 1 && form[1] == 0);
     auto number = [&](std::size_t at, int width) {
       uint64_t v = 0;
-      for (int i = 0; i < width; ++i) v |= uint64_t{static_cast<unsigned char>(form[at + i])} << 8 * (big ? width - 1 - i : i);
+      for (int i = 0; i < width; ++i)
+        v |= uint64_t{static_cast<unsigned char>(form[at + i])} << 8 * (big ? width - 1 - i : i);
       return v;
     };
     // The layout: where each field that fits whole ends, and every list
     // count there is to read, with its item width and field.
-    int const widths[] = {4, -4, -4, -4, -4, -4, -4, -12, 8, 4, 4, 1};  // negative: a list of such items
+    int const widths[] = {4,  -4,  -4, -4, -4, -4,
+                          -4, -12, 8,  4,  4,  1};  // negative: a list of such items
     std::vector<std::size_t> ends;
-    struct Count { std::size_t offset, width; };
+    struct Count {
+      std::size_t offset, width;
+    };
     std::vector<Count> counts;
     std::size_t at = 6;
     bool fits = form.size() >= 6 && number(2, 4) == 1;
@@ -501,17 +557,23 @@ TEST(BootstrapSweep, KeepsWhatFitsWholeAndNeverOverAllocates) {
         std::vector<std::string> cut = Fields(read(form.substr(0, length), start));
         for (std::size_t f = 0; f < cut.size(); ++f) {
           bool const whole_field = f < ends.size() && ends[f] <= length;
-          EXPECT_EQ(cut[f], whole_field ? whole[f] : before[f]) << entry->d_name << " cut to " << length;
+          EXPECT_EQ(cut[f], whole_field ? whole[f] : before[f])
+              << entry->d_name << " cut to " << length;
         }
       }
       // A count that promises more than is left stops the read there.
       for (Count const& count : counts) {
         uint64_t const remain = (form.size() - count.offset - 4) / count.width;
-        for (uint64_t value : {uint64_t{0}, uint64_t{1}, remain, remain + 1, uint64_t{1} << 31, uint64_t{0xFFFFFFFF}}) {
+        for (uint64_t value : {uint64_t{0}, uint64_t{1}, remain, remain + 1, uint64_t{1} << 31,
+                               uint64_t{0xFFFFFFFF}}) {
           std::string altered = form;
-          for (int i = 0; i < 4; ++i) altered[count.offset + i] = static_cast<char>(value >> 8 * (big ? 3 - i : i));
-          SvrBootstrapSpecs const got = read(altered, start), stopped = read(form.substr(0, count.offset), start);
-          if (value > remain) { EXPECT_TRUE(got.IdenticalTo(stopped)) << entry->d_name << " count at " << count.offset; }
+          for (int i = 0; i < 4; ++i)
+            altered[count.offset + i] = static_cast<char>(value >> 8 * (big ? 3 - i : i));
+          SvrBootstrapSpecs const got = read(altered, start),
+                                  stopped = read(form.substr(0, count.offset), start);
+          if (value > remain) {
+            EXPECT_TRUE(got.IdenticalTo(stopped)) << entry->d_name << " count at " << count.offset;
+          }
         }
       }
     }

@@ -16,11 +16,20 @@ typedef SvrBootstrapSpecs Specs;
 // library's writer. Put takes signed values in two's complement.
 struct Form {
   Form& Put(uint64_t v, int width) {
-    for (int i = 0; i < width; ++i) bytes.push_back(static_cast<char>(v >> 8 * (big ? width - 1 - i : i)));
+    for (int i = 0; i < width; ++i)
+      bytes.push_back(static_cast<char>(v >> 8 * (big ? width - 1 - i : i)));
     return *this;
   }
-  Form& F64(double v) { uint64_t bits; std::memcpy(&bits, &v, 8); return Put(bits, 8); }
-  Form& List(std::vector<int> const& list) { Put(list.size(), 4); for (int i : list) Put(i, 4); return *this; }
+  Form& F64(double v) {
+    uint64_t bits;
+    std::memcpy(&bits, &v, 8);
+    return Put(bits, 8);
+  }
+  Form& List(std::vector<int> const& list) {
+    Put(list.size(), 4);
+    for (int i : list) Put(i, 4);
+    return *this;
+  }
   bool big;
   std::string bytes;
 };
@@ -39,7 +48,14 @@ std::string RichForm(bool big, uint32_t version = 1) {
 // a test can tell which fields a read has touched. Its aux index list ends at 58.
 std::string PriorForm() {
   Form form{false, {}};
-  form.Put(1, 2).Put(1, 4).Put(Specs::Stratified, 4).List({11}).List({12}).List({13}).List({14}).List({15});
+  form.Put(1, 2)
+      .Put(1, 4)
+      .Put(Specs::Stratified, 4)
+      .List({11})
+      .List({12})
+      .List({13})
+      .List({14})
+      .List({15});
   form.Put(1, 4).Put(100, 4).Put(1, 4).F64(-1.0).Put(200, 4);
   return form.F64(99.0).Put(Specs::Percentile, 4).Put(7, 4).Put(1, 1).bytes;
 }
@@ -52,10 +68,17 @@ Specs Read(std::string const& form, Specs specs = Specs()) {
 TEST(BootstrapSerialFormTest, DefaultRecordIsThe55ByteFormAppended) {
   std::string out = "ab";
   SvrBootstrapSpecsSerializer::serializeSpecs(Specs(), out);
-  EXPECT_EQ(out, std::string("ab" "\1\0" "\1\0\0\0" "\0\0\0\0"              // mark, version, method
-                             "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"  // 7 empty lists
-                             "\0\0\0\0\0\xC0\x57\x40" "\0\0\0\0" "\xE8\3\0\0" "\1",  // 95, Percentile, 1000, true
-                             2 + 55));
+  EXPECT_EQ(out,
+            std::string("ab"
+                        "\1\0"
+                        "\1\0\0\0"
+                        "\0\0\0\0"  // mark, version, method
+                        "\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0\0"  // 7 empty lists
+                        "\0\0\0\0\0\xC0\x57\x40"
+                        "\0\0\0\0"
+                        "\xE8\3\0\0"
+                        "\1",  // 95, Percentile, 1000, true
+                        2 + 55));
 }
 
 // The record read is written back in this machine's order, so the whole of it
@@ -152,11 +175,13 @@ TEST(BootstrapDisplayTest, WholeDefaultTextWhereItFlushesAndListItems) {
   std::vector<std::size_t> lineEnds;
   for (std::size_t at = 0; (at = text.find('\n', at) + 1) != 0;) lineEnds.push_back(at);
   ASSERT_EQ(lineEnds.size(), 14u);
-  EXPECT_EQ(buffer.flushedAt, std::vector<std::size_t>(lineEnds.begin() + 1, lineEnds.begin() + 11));
+  EXPECT_EQ(buffer.flushedAt,
+            std::vector<std::size_t>(lineEnds.begin() + 1, lineEnds.begin() + 11));
 
   std::ostringstream rich;
   Read(RichForm(false)).Display(rich);
-  EXPECT_NE(rich.str().find("\nStrata Variables = 3 -7\nDependent Variables = none\n"), std::string::npos);
+  EXPECT_NE(rich.str().find("\nStrata Variables = 3 -7\nDependent Variables = none\n"),
+            std::string::npos);
   EXPECT_NE(rich.str().find("\nUser-missing variable values are included\n"), std::string::npos);
 }
 

@@ -23,10 +23,15 @@ struct RecordingProxy : PackageProxy {
 };
 
 TEST(InteractiveErrorMonitorTest, ReportSendsErrorsAlwaysAndWarningsWhileSwitchedOn) {
-  struct Case { uint8_t severity; bool warningsOn, sent; };
-  for (Case c : {Case{1, false, true}, Case{0, false, false}, Case{2, false, false}, Case{255, false, false},
-                 Case{1, true, true}, Case{0, true, true}, Case{2, true, true}, Case{255, true, true}}) {
-    SCOPED_TRACE(testing::Message() << "severity " << int(c.severity) << ", warnings " << c.warningsOn);
+  struct Case {
+    uint8_t severity;
+    bool warningsOn, sent;
+  };
+  for (Case c :
+       {Case{1, false, true}, Case{0, false, false}, Case{2, false, false}, Case{255, false, false},
+        Case{1, true, true}, Case{0, true, true}, Case{2, true, true}, Case{255, true, true}}) {
+    SCOPED_TRACE(testing::Message()
+                 << "severity " << int(c.severity) << ", warnings " << c.warningsOn);
     RecordingProxy proxy;
     InteractiveErrorMonitor monitor(LocallyUniqueID(2, 40), &proxy);
     monitor.DoNotReportWarnings();
@@ -71,10 +76,14 @@ TEST(InteractiveErrorMonitorTest, ChannelExceptionReachesTheCaller) {
 
 TEST(ErrorMessagesTest, ClonesPassAStreamUnderNumberOneAndTheirNameAndComeBackEqual) {
   LocallyUniqueID id(0xF, 0xABCDEF1);
-  ReportedErrorMsg reported(id, ErrorText{std::string("bad\0value", 9), 7, 0xFEDCBA9876543210ull}), reportedIn;
+  ReportedErrorMsg reported(id, ErrorText{std::string("bad\0value", 9), 7, 0xFEDCBA9876543210ull}),
+      reportedIn;
   ErrorMsg error(0xFFFFFFF0u, "no such dataset"), errorIn;
   ReportedErrorMsgResponse response(9), responseIn;
-  struct Case { VSerializable *sent, *into; char const* name; };
+  struct Case {
+    VSerializable *sent, *into;
+    char const* name;
+  };
   for (Case c : {Case{&reported, &reportedIn, "QuorMessages::ReportedErrorMsg"},
                  Case{&error, &errorIn, "DEMessages::ErrorMsg"},
                  Case{&response, &responseIn, "QuorMessages::ReportedErrorMsgResponse"}}) {

@@ -61,8 +61,12 @@ long LiveBlocks() { return gLive; }
 // among themselves.
 void* operator new(std::size_t size) { return Allocate(size, false); }
 void* operator new[](std::size_t size) { return Allocate(size, false); }
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept { return Allocate(size, true); }
-void* operator new[](std::size_t size, std::nothrow_t const&) noexcept { return Allocate(size, true); }
+void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+  return Allocate(size, true);
+}
+void* operator new[](std::size_t size, std::nothrow_t const&) noexcept {
+  return Allocate(size, true);
+}
 void operator delete(void* block) noexcept { Release(block); }
 void operator delete[](void* block) noexcept { Release(block); }
 void operator delete(void* block, std::size_t) noexcept { Release(block); }

@@ -162,8 +162,8 @@ TEST_F(ObserverViewTest, PropertiesThatOnlyLookDifferentQueueNothing) {
   EXPECT_EQ(Update(), Lines{"Weight C"});
   Live("CAB");  // the weight variable moved, it was not replaced
   EXPECT_EQ(Update(), Lines{"Move 2 -> 0"});
-  source->SetLabel("");  // null and empty read alike
-  source->RowsPerImputation(5);  // only a drop to 0 is announced
+  source->SetLabel("");                // null and empty read alike
+  source->RowsPerImputation(5);        // only a drop to 0 is announced
   source->SetSplit(0, nullptr, true);  // no split: the separate flag means nothing
   EXPECT_EQ(Update(), Lines{});
   source->RowsPerImputation(0);

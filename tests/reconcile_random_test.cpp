@@ -28,11 +28,13 @@ class RandomEditor {
 
   QUOR_Variable NewVariable() {
     ++nextSerial_;
-    return QUOR_Variable(LocallyUniqueID(0, nextSerial_), "v" + std::to_string(nextSerial_), Below(3));
+    return QUOR_Variable(LocallyUniqueID(0, nextSerial_), "v" + std::to_string(nextSerial_),
+                         Below(3));
   }
 
   void Fill(int n) {
-    for (int i = 0; i < n; ++i) source_.InsertVariable(static_cast<long>(source_.ColumnCount()), NewVariable());
+    for (int i = 0; i < n; ++i)
+      source_.InsertVariable(static_cast<long>(source_.ColumnCount()), NewVariable());
   }
 
   std::vector<VariableSetImpl> Sets() {
@@ -41,7 +43,8 @@ class RandomEditor {
       set.name = "set" + std::to_string(Below(4));
       set.descriptor[static_cast<std::size_t>(Below(6))] = static_cast<unsigned char>(Below(3));
       for (int k = Below(4); k > 0 && source_.ColumnCount() > 0; --k) {
-        set.members.push_back(source_.GetVariable(Below(static_cast<int>(source_.ColumnCount()))).GetID());
+        set.members.push_back(
+            source_.GetVariable(Below(static_cast<int>(source_.ColumnCount()))).GetID());
       }
     }
     return sets;
@@ -77,7 +80,8 @@ class RandomEditor {
         if (n > 0) source_.GetVariable(Below(n)).SetType(Below(3));
         break;
       case 7:
-        if (n > 0) source_.GetVariable(Below(n)).SetLabel(Chance(50) ? "" : "l" + std::to_string(Below(9)));
+        if (n > 0)
+          source_.GetVariable(Below(n)).SetLabel(Chance(50) ? "" : "l" + std::to_string(Below(9)));
         break;
       case 8:
         source_.SetWeightVar(Chance(20) ? -1 : Below(n));
@@ -93,7 +97,9 @@ class RandomEditor {
         break;
       }
       case 11:
-        source_.SetLabel(Chance(30) ? nullptr : Chance(20) ? "" : ("label " + std::to_string(Below(5))).c_str());
+        source_.SetLabel(Chance(30)   ? nullptr
+                         : Chance(20) ? ""
+                                      : ("label " + std::to_string(Below(5))).c_str());
         break;
       case 12:
         source_.SetFileSpec(("/nonexistent/f" + std::to_string(Below(4)) + ".csv").c_str());
@@ -111,7 +117,8 @@ class RandomEditor {
         break;
       case 15: {
         DatasourceAttributes attributes;
-        for (int k = Below(3); k > 0; --k) attributes.Set("k" + std::to_string(Below(3)), std::to_string(Below(3)));
+        for (int k = Below(3); k > 0; --k)
+          attributes.Set("k" + std::to_string(Below(3)), std::to_string(Below(3)));
         source_.SetAttributes(attributes);
         source_.SetExtension(QUOR_DataSource::Extension(0, "x" + std::to_string(Below(3))));
         break;
@@ -133,7 +140,9 @@ class RandomEditor {
 
 uint32_t BaseSeed() {
   char const* fromEnvironment = std::getenv("SDM_SEED");
-  return fromEnvironment != nullptr ? static_cast<uint32_t>(std::strtoul(fromEnvironment, nullptr, 10)) : 20261123u;
+  return fromEnvironment != nullptr
+             ? static_cast<uint32_t>(std::strtoul(fromEnvironment, nullptr, 10))
+             : 20261123u;
 }
 
 // A watcher that applies each pass to its model and checks it against the
@@ -158,7 +167,8 @@ TEST(ReconcileRandomTest, WatcherConvergesAfterEveryAccessAndQuietAccessesQueueN
   int accesses = 0;
   for (uint32_t round = 0; accesses < 10000; ++round) {
     uint32_t const seed = BaseSeed() + round;
-    SCOPED_TRACE("seed " + std::to_string(seed) + " (rerun with SDM_SEED=" + std::to_string(seed) + ")");
+    SCOPED_TRACE("seed " + std::to_string(seed) + " (rerun with SDM_SEED=" + std::to_string(seed) +
+                 ")");
     auto* source = new RandomSource;
     RandomEditor editor(seed, *source);
     editor.Fill(editor.Below(201));
@@ -178,8 +188,8 @@ TEST(ReconcileRandomTest, WatcherConvergesAfterEveryAccessAndQuietAccessesQueueN
       // the watchers are not called at all.
       int const passesBefore = watcher.passes;
       { SvrDMWriteableDataSource quiet(registry, id, false, nullptr); }
-      ASSERT_EQ(watcher.passes, passesBefore) << "step " << step << ": a quiet access queued "
-                                              << watcher.lastQueue.at(0);
+      ASSERT_EQ(watcher.passes, passesBefore)
+          << "step " << step << ": a quiet access queued " << watcher.lastQueue.at(0);
     }
     EXPECT_GT(watcher.passes, 40);
     SvrDMDataset(registry, id).Unregister(watcher);

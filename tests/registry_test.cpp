@@ -26,7 +26,8 @@ class RecordingObserver : public ServerDataManagerObserver {
 class RegistryTest : public ::testing::Test {
  protected:
   void SetUp() override { registry.Register(observer); }
-  LocallyUniqueID Add(std::string const& file = "", bool silent = false, std::string const& name = "s") {
+  LocallyUniqueID Add(std::string const& file = "", bool silent = false,
+                      std::string const& name = "s") {
     return registry.Add(*new CountingSource(&destroyed, name), file, silent);
   }
 
@@ -37,7 +38,8 @@ class RegistryTest : public ::testing::Test {
 
 TEST_F(RegistryTest, IdentifiersCountBySixteenAndAreNeverReused) {
   EXPECT_EQ(Add().ToWord(), 0u);
-  EXPECT_EQ(registry.Add(*new CountingSource(&destroyed, "p"), "", "pw", true, false).ToWord(), 16u);
+  EXPECT_EQ(registry.Add(*new CountingSource(&destroyed, "p"), "", "pw", true, false).ToWord(),
+            16u);
   EXPECT_EQ(registry.GetDataSet(LocallyUniqueID(0, 1))->password, "pw");
   EXPECT_EQ(registry.AddEmpty(false).ToWord(), 32u);
   registry.Delete(LocallyUniqueID(0, 2));
@@ -69,11 +71,11 @@ TEST_F(RegistryTest, SecondDatasetOfAnOpenFileKeepsTheNameAside) {
 }
 
 TEST_F(RegistryTest, NoticesFollowAnnounceAndSourceAndClearGoesLastFirst) {
-  registry.AddEmpty(false);        // no source: no creation notice, but a deletion notice
-  Add("", true);                   // silent: nothing ever
+  registry.AddEmpty(false);  // no source: no creation notice, but a deletion notice
+  Add("", true);             // silent: nothing ever
   Add("a");
   registry.Clear();
-  registry.Clear();                // empty: nothing
+  registry.Clear();  // empty: nothing
   EXPECT_EQ(observer.events, (Lines{"created 32 a", "deleted 32", "deleted 0"}));
   EXPECT_EQ(destroyed.size(), 2u);
 }

@@ -23,7 +23,7 @@
 namespace {
 
 long gOperations = 400000;  // over all threads; --soak-ops=N
-uint32_t gSeed = 1;          // SDM_SOAK_SEED
+uint32_t gSeed = 1;         // SDM_SOAK_SEED
 int const kThreads = 8, kSlots = 16, kBoundSeconds = 600;
 
 // Numbers the passes it hears, as the first observer of its registry or
@@ -56,7 +56,8 @@ struct Watcher : SvrDMDataSetObserver, Numbering {
     DataFreeDataSource none;  // what a dataset without a source reads as
     QUOR_DataSource* live = writer->GetDataSource();
     std::string why;
-    if (!model.Apply(writer->GetNotifications(), &why) || !model.Matches(live ? *live : none, &why, false)) {
+    if (!model.Apply(writer->GetNotifications(), &why) ||
+        !model.Matches(live ? *live : none, &why, false)) {
       if (mismatches++ == 0) error = why;
     }
     Count(static_cast<long>(writer->GetNotifications().size()));
@@ -72,11 +73,15 @@ struct Watcher : SvrDMDataSetObserver, Numbering {
 struct Recorder : ServerDataManagerObserver, SvrDMDataSetObserver {
   void DataSetCreated(LocallyUniqueID const& id, std::string const&) override { Hear(id.ToWord()); }
   void DataSetDeleted(LocallyUniqueID const& id) override { Hear(id.ToWord()); }
-  void DataSetChanged(SvrDMWriteableDataSource const* w) override { Hear(static_cast<long>(w->GetNotifications().size())); }
-  void Hear(long tag) { spans.back().heard.push_back({numbering->passes.load(std::memory_order_acquire), tag}); }
+  void DataSetChanged(SvrDMWriteableDataSource const* w) override {
+    Hear(static_cast<long>(w->GetNotifications().size()));
+  }
+  void Hear(long tag) {
+    spans.back().heard.push_back({numbering->passes.load(std::memory_order_acquire), tag});
+  }
   struct Span {
     Numbering* numbering;
-    long registered, unregistering;  // passes just after Register, just before Unregister
+    long registered, unregistering;            // passes just after Register, just before Unregister
     std::vector<std::pair<long, long>> heard;  // pass, tag
   };
   Numbering* numbering = nullptr;  // set while registered
@@ -101,14 +106,16 @@ class Soak {
       std::abort();
     });
     std::vector<std::thread> workers;
-    for (int t = 0; t < kThreads; ++t) workers.emplace_back([&, t] { Work(t, onRegistry[t], onDataset[t]); });
+    for (int t = 0; t < kThreads; ++t)
+      workers.emplace_back([&, t] { Work(t, onRegistry[t], onDataset[t]); });
     for (std::thread& worker : workers) worker.join();
     finished.set_value();
     watchdog.join();
 
     for (auto& box : boxes_) box.second = nullptr;
     for (SvrDMDataset const& open : registry_.GetAllDatasets()) {
-      EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0) << "an access counter is not back to 0";
+      EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0)
+          << "an access counter is not back to 0";
     }
     registry_.Clear();
     EXPECT_EQ(notices_.created, announcedWithSource_);
@@ -119,9 +126,12 @@ class Soak {
     for (Recorder const* recorders : {onRegistry.data(), onDataset.data()}) {
       for (int t = 0; t < kThreads; ++t) heard += CheckSpans(recorders[t]);
     }
-    std::printf("[ soak      ] seed %u: %d threads, %ld operations, %ld writes, %ld try-writers met 55, "
-                "%ld registry notices, %ld passes checked against the watcher model, %ld heard by recorders\n",
-                gSeed, kThreads, gOperations, writes_.load(), busy_.load(), notices_.passes.load(), passes, heard);
+    std::printf(
+        "[ soak      ] seed %u: %d threads, %ld operations, %ld writes, %ld try-writers met 55, "
+        "%ld registry notices, %ld passes checked against the watcher model, %ld heard by "
+        "recorders\n",
+        gSeed, kThreads, gOperations, writes_.load(), busy_.load(), notices_.passes.load(), passes,
+        heard);
     EXPECT_GT(heard, 0);
   }
 
@@ -137,8 +147,10 @@ class Soak {
       EXPECT_LE(first, span.registered + 1) << "a pass missed after Register";
       EXPECT_GE(last, span.unregistering) << "a pass missed before Unregister";
       for (std::size_t i = 0; i < span.heard.size(); ++i) {
-        EXPECT_EQ(span.heard[i].first, first + static_cast<long>(i)) << "a pass missed or heard twice";
-        EXPECT_EQ(span.heard[i].second, span.numbering->tags[static_cast<std::size_t>(span.heard[i].first - 1)]);
+        EXPECT_EQ(span.heard[i].first, first + static_cast<long>(i))
+            << "a pass missed or heard twice";
+        EXPECT_EQ(span.heard[i].second,
+                  span.numbering->tags[static_cast<std::size_t>(span.heard[i].first - 1)]);
       }
       heard += static_cast<long>(span.heard.size());
     }
@@ -161,9 +173,10 @@ class Soak {
       bool const silent = below(5) == 0;
       if (choice < 10) {  // a new dataset in the slot; the one it displaces goes
         int const way = below(3);
-        LocallyUniqueID id = way == 0   ? registry_.AddEmpty(silent)
-                             : way == 1 ? registry_.Add(*chain(), below(4) ? "" : File(below(4)), silent)
-                                        : registry_.Add(*chain(), "", "password", false, silent);
+        LocallyUniqueID id = way == 0 ? registry_.AddEmpty(silent)
+                             : way == 1
+                                 ? registry_.Add(*chain(), below(4) ? "" : File(below(4)), silent)
+                                 : registry_.Add(*chain(), "", "password", false, silent);
         Adopt(id, silent, way != 0);
         registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
       } else if (choice < 14) {  // a new dataset under the slot's identifier
@@ -209,12 +222,23 @@ class Soak {
       for (int edits = below(5); edits > 0; --edits) {
         int const n = static_cast<int>(live->ColumnCount()), at = below(n + 1);
         switch (below(6)) {
-          case 0: live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++serial), "n")); break;
-          case 1: if (at < n) live->DeleteVariables(at, at); break;
-          case 2: if (at < n) live->GetVariable(at).SetName("r" + std::to_string(below(9))); break;
-          case 3: live->SetWeightVar(at < n ? at : -1); break;
-          case 4: live->SetLabel(below(2) ? nullptr : "label"); break;
-          default: live->rows = below(5);
+          case 0:
+            live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++serial), "n"));
+            break;
+          case 1:
+            if (at < n) live->DeleteVariables(at, at);
+            break;
+          case 2:
+            if (at < n) live->GetVariable(at).SetName("r" + std::to_string(below(9)));
+            break;
+          case 3:
+            live->SetWeightVar(at < n ? at : -1);
+            break;
+          case 4:
+            live->SetLabel(below(2) ? nullptr : "label");
+            break;
+          default:
+            live->rows = below(5);
         }
       }
       if (creationDue) {  // delivered here, under the lock, to see whether the notice went
@@ -272,7 +296,8 @@ class Soak {
 
   Watcher* WatcherOf(SvrDMItemPtr const& item) {
     std::lock_guard<std::mutex> lock(watchersMutex_);
-    auto found = item.IsValid() ? watcherOf_.find({item.get(), item->caseSequence}) : watcherOf_.end();
+    auto found =
+        item.IsValid() ? watcherOf_.find({item.get(), item->caseSequence}) : watcherOf_.end();
     return found == watcherOf_.end() ? nullptr : found->second;
   }
 
@@ -317,9 +342,11 @@ TEST(Soak, ManyThreadsOnOneRegistryLoseNothing) {
 
 int main(int argc, char** argv) {
   ::testing::InitGoogleTest(&argc, argv);
-  if (char const* seed = std::getenv("SDM_SOAK_SEED")) gSeed = static_cast<uint32_t>(std::strtoul(seed, nullptr, 10));
+  if (char const* seed = std::getenv("SDM_SOAK_SEED"))
+    gSeed = static_cast<uint32_t>(std::strtoul(seed, nullptr, 10));
   for (int i = 1; i < argc; ++i) {
-    if (std::string(argv[i]).rfind("--soak-ops=", 0) == 0) gOperations = std::strtol(argv[i] + 11, nullptr, 10);
+    if (std::string(argv[i]).rfind("--soak-ops=", 0) == 0)
+      gOperations = std::strtol(argv[i] + 11, nullptr, 10);
   }
   return RUN_ALL_TESTS();
 }

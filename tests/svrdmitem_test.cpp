@@ -55,7 +55,8 @@ TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirst) {
   int destroyed = 0;
   long const blocksBefore = VUGlobal::LiveBlocks();
   {
-    SvrDMItemPtr item(MakeItem(LocallyUniqueID(0, 1), CountingSource::Chain(&log, {"head", "middle", "root"})));
+    SvrDMItemPtr item(
+        MakeItem(LocallyUniqueID(0, 1), CountingSource::Chain(&log, {"head", "middle", "root"})));
     item->notifications.push_back(new TestMessage(&destroyed));
     item->notifications.push_back(nullptr);
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());

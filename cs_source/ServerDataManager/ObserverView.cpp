@@ -1,8 +1,8 @@
 #include "ObserverView.h"
 
 #include <cstring>
-#include <utility>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "datasource.h"
@@ -43,8 +43,8 @@ void QueueSetExtension(QUOR_DataSource::ExtensionType type, std::vector<Variable
                        SvrDMItem& item) {
   std::string payload;
   MakeExtension(sets, payload, type);
-  RefCountPtr<QUOR_ExtensionImpl> extension(
-      new QUOR_ExtensionImpl(static_cast<int>(type), 1, static_cast<long>(payload.size()), payload.data()));
+  RefCountPtr<QUOR_ExtensionImpl> extension(new QUOR_ExtensionImpl(
+      static_cast<int>(type), 1, static_cast<long>(payload.size()), payload.data()));
   item.QueueNotification(new ExtensionsMsg(0, item.dataSetID, item.caseSequence, extension));
 }
 
@@ -57,7 +57,8 @@ struct SvrDMObserverView::Data {
   // sequence as it stands now.
   template <class Message, class... Args>
   void Queue(Args&&... args) {
-    pItem->QueueNotification(new Message(0, pItem->dataSetID, pItem->caseSequence, std::forward<Args>(args)...));
+    pItem->QueueNotification(
+        new Message(0, pItem->dataSetID, pItem->caseSequence, std::forward<Args>(args)...));
   }
 
   void UpdateVariables(QUOR_DataSource& live);
@@ -140,8 +141,9 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
     bool const inPlace = found != nullptr && iOld == iNew;
 
     if (found == nullptr) {
-      LocallyUniqueID beforeID =
-          view.ColumnCount() > iNew ? view.GetVariable(static_cast<int>(iNew)).GetID() : kNoVariable;
+      LocallyUniqueID beforeID = view.ColumnCount() > iNew
+                                     ? view.GetVariable(static_cast<int>(iNew)).GetID()
+                                     : kNoVariable;
       std::vector<QUOR_Variable> inserted(1, liveVar);
       Queue<InsertVarsMsg>(inserted, beforeID);
       view.InsertVariable(static_cast<long>(iNew), liveVar);
@@ -187,7 +189,8 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
 
   if (view.ColumnCount() > nLive) {
     std::vector<QUOR_Variable> tail;
-    for (uint32_t i = nLive; i < view.ColumnCount(); ++i) tail.push_back(view.GetVariable(static_cast<int>(i)));
+    for (uint32_t i = nLive; i < view.ColumnCount(); ++i)
+      tail.push_back(view.GetVariable(static_cast<int>(i)));
     view.DeleteVariables(static_cast<int>(nLive), static_cast<int>(view.ColumnCount()) - 1);
     Queue<DeleteVarsMsg>(std::move(tail));
   }
@@ -331,7 +334,8 @@ void SvrDMObserverView::Data::UpdateSplit(QUOR_DataSource& live, int nSplitAtSta
   if (!changed && nSplitAtStart > 0) {
     changed = view.GetSplitqSeparate() != live.GetSplitqSeparate();
     for (int i = 0; !changed && i < nSplitAtStart; ++i) {
-      changed = live.GetSplitVarID(static_cast<unsigned>(i)) != view.GetSplitVarID(static_cast<unsigned>(i));
+      changed = live.GetSplitVarID(static_cast<unsigned>(i)) !=
+                view.GetSplitVarID(static_cast<unsigned>(i));
     }
   }
   if (!changed) return;

@@ -190,18 +190,24 @@ void WriteListLine(std::ostream& out, char const* label, std::vector<int> const&
 
 char const* SamplingWord(SvrBootstrapSpecs::SampMethods method) {
   switch (method) {
-    case SvrBootstrapSpecs::Simple: return "Simple";
-    case SvrBootstrapSpecs::Stratified: return "Stratified";
-    case SvrBootstrapSpecs::Residual: return "Residual";
-    case SvrBootstrapSpecs::Wild: return "Wild";
+    case SvrBootstrapSpecs::Simple:
+      return "Simple";
+    case SvrBootstrapSpecs::Stratified:
+      return "Stratified";
+    case SvrBootstrapSpecs::Residual:
+      return "Residual";
+    case SvrBootstrapSpecs::Wild:
+      return "Wild";
   }
   return "unknown";
 }
 
 char const* CITypeWord(SvrBootstrapSpecs::CITypes type) {
   switch (type) {
-    case SvrBootstrapSpecs::Percentile: return "Percentile";
-    case SvrBootstrapSpecs::BCA: return "BCA";
+    case SvrBootstrapSpecs::Percentile:
+      return "Percentile";
+    case SvrBootstrapSpecs::BCA:
+      return "BCA";
   }
   return "unknown";
 }
@@ -209,7 +215,10 @@ char const* CITypeWord(SvrBootstrapSpecs::CITypes type) {
 }  // namespace
 
 SvrBootstrapSpecs::SvrBootstrapSpecs()
-    : samplingMethod(Simple), ciLevelPct(95.0), ciType(Percentile), nSamples(1000),
+    : samplingMethod(Simple),
+      ciLevelPct(95.0),
+      ciType(Percentile),
+      nSamples(1000),
       excludeUserMiss(true) {}
 
 bool SvrBootstrapSpecs::IdenticalTo(SvrBootstrapSpecs const& other) const {
@@ -222,8 +231,8 @@ bool SvrBootstrapSpecs::IdenticalTo(SvrBootstrapSpecs const& other) const {
   }
   return samplingMethod == other.samplingMethod && strataVarList == other.strataVarList &&
          dependVarList == other.dependVarList && inputVarList == other.inputVarList &&
-         predictedVarList == other.predictedVarList &&
-         residualVarList == other.residualVarList && auxIndexList == other.auxIndexList &&
+         predictedVarList == other.predictedVarList && residualVarList == other.residualVarList &&
+         auxIndexList == other.auxIndexList &&
          DoubleBits(ciLevelPct) == DoubleBits(other.ciLevelPct) && ciType == other.ciType &&
          nSamples == other.nSamples && excludeUserMiss == other.excludeUserMiss;
 }
@@ -245,8 +254,7 @@ void SvrBootstrapSpecs::Display(std::ostream& out) const {
   out << "\nEnd displaying Bootstrap Specifications\n";
 }
 
-void SvrBootstrapSpecsSerializer::serializeSpecs(SvrBootstrapSpecs const& specs,
-                                                 std::string& out) {
+void SvrBootstrapSpecsSerializer::serializeSpecs(SvrBootstrapSpecs const& specs, std::string& out) {
   std::size_t const items = specs.strataVarList.size() + specs.dependVarList.size() +
                             specs.inputVarList.size() + specs.predictedVarList.size() +
                             specs.residualVarList.size() + specs.auxIndexList.size();

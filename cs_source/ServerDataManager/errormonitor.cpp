@@ -43,10 +43,7 @@ void ErrorMsg::Serialize(VStream& stream) {
 ReportedErrorMsg::ReportedErrorMsg() : severity(1), detail(0), dataSetID() {}
 
 ReportedErrorMsg::ReportedErrorMsg(LocallyUniqueID& id, ErrorText const& errorText)
-    : text(errorText.text),
-      severity(errorText.severity),
-      detail(errorText.detail),
-      dataSetID(id) {}
+    : text(errorText.text), severity(errorText.severity), detail(errorText.detail), dataSetID(id) {}
 
 VSerializable* ReportedErrorMsg::Clone() const { return new ReportedErrorMsg(*this); }
 
@@ -79,9 +76,7 @@ int ReportedErrorMsgResponse::Process(VStream& stream) {
                         kReportedErrorMsgResponseName);
 }
 
-char const* ReportedErrorMsgResponse::GetClassName() const {
-  return kReportedErrorMsgResponseName;
-}
+char const* ReportedErrorMsgResponse::GetClassName() const { return kReportedErrorMsgResponseName; }
 
 void ReportedErrorMsgResponse::Serialize(VStream& stream) { stream.Pass(reply); }
 

@@ -46,8 +46,8 @@ class ServerDataManager {
                       std::string const& password, bool passwordMangled, bool silent);
   // Replaces whatever dataset has `id`, and gives the new one that
   // identifier and case sequence.
-  void Add(QUOR_DataSource& dataSource, std::string const& fileName, bool silent, LocallyUniqueID id,
-           unsigned int caseSequence);
+  void Add(QUOR_DataSource& dataSource, std::string const& fileName, bool silent,
+           LocallyUniqueID id, unsigned int caseSequence);
   LocallyUniqueID AddEmpty(bool silent);
 
   // Removes the dataset; an unknown identifier is no error.

@@ -229,7 +229,8 @@ bool SvrDMItem::PasswordMangled() const {
   return passwordMangled;
 }
 
-void SvrDMAssertionFailed(char const* expression, char const* file, int line, char const* function) {
+void SvrDMAssertionFailed(char const* expression, char const* file, int line,
+                          char const* function) {
   std::fprintf(stderr, "%s:%d: %s: Assertion `%s' failed.\n", file, line, function, expression);
   std::abort();
 }

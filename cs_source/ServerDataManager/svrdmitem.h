@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "RefCountPtr.h"
 #include "ObserverView.h"
+#include "RefCountPtr.h"
 #include "errormonitor.h"
 #include "platform.h"
 #include "threads.h"

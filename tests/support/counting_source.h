@@ -22,7 +22,8 @@ class CountingSource : public QUOR_DataSource {
   }
 
   // Builds the chain head -> ... -> root from `names`, first name the head.
-  static CountingSource* Chain(std::vector<std::string>* log, std::vector<std::string> const& names) {
+  static CountingSource* Chain(std::vector<std::string>* log,
+                               std::vector<std::string> const& names) {
     CountingSource* head = nullptr;
     CountingSource* previous = nullptr;
     for (std::string const& name : names) {

@@ -13,7 +13,8 @@ class TrackedSource : public QUOR_DataSource {
   // `variables` numeric variables with serials from `firstSerial` on.
   explicit TrackedSource(int variables = 0, uint32_t firstSerial = 1) : QUOR_DataSource(nullptr) {
     for (uint32_t i = 0; i < static_cast<uint32_t>(variables); ++i) {
-      MakeVariable(QUOR_Variable(LocallyUniqueID(0, firstSerial + i), "v" + std::to_string(i)), nullptr);
+      MakeVariable(QUOR_Variable(LocallyUniqueID(0, firstSerial + i), "v" + std::to_string(i)),
+                   nullptr);
     }
     ++live;
   }
