@@ -13,14 +13,19 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// A file-backed source whose row count a test can set, and make throw.
+// A file-backed source whose row count a test can set or make throw, and
+// whose split count it can overstate.
 class TestSource : public SystemFileDataSource {
  public:
   long long RowCount() const override {
     if (throwOnRowCount) throw std::runtime_error("row count unavailable");
     return rows;
   }
+  int GetNSplitVars() const override {
+    return claimedSplit >= 0 ? claimedSplit : SystemFileDataSource::GetNSplitVars();
+  }
   long long rows = 0;
+  int claimedSplit = -1;  // a count to report instead of the real one
   bool throwOnRowCount = false;
 };
 
@@ -215,6 +220,14 @@ TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
   EXPECT_EQ(Take(), (Lines{"Move 1 -> 0", "Insert [C] before none"}));
   source->throwOnRowCount = false;
   EXPECT_EQ(Update(), Lines{"ResetClient 6"});
+
+  // A source that claims more split variables than a split can hold is
+  // refused before the split stage writes or queues anything.
+  source->claimedSplit = 9;
+  EXPECT_THROW(item->observerView.Update(), std::out_of_range);
+  EXPECT_EQ(Take(), Lines{});
+  source->claimedSplit = -1;
+  EXPECT_EQ(Update(), Lines{});
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "ObserverView.h"
 
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -343,6 +344,13 @@ void SvrDMObserverView::Data::UpdateSplit(QUOR_DataSource& live, int nSplitAtSta
   LocallyUniqueID ids[kMaxSplit];  // all ones beyond the live count
   int positions[kMaxSplit] = {};
   int const n = live.GetNSplitVars();
+  // Both arrays, like the message and the view, hold eight. A source that
+  // claims more (or fewer than none) is broken; it is refused here, before
+  // anything is written past them or queued.
+  if (n < 0 || n > kMaxSplit) {
+    throw std::out_of_range("SvrDMObserverView::Update: the data source reports " +
+                            std::to_string(n) + " split variables; 0 to 8 are possible");
+  }
   for (int i = 0; i < n; ++i) {
     ids[i] = live.GetSplitVarID(static_cast<unsigned>(i));
     positions[i] = live.GetSplitVarIndex(static_cast<unsigned>(i));
