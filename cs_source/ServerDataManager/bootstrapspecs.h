@@ -58,9 +58,10 @@ class SvrBootstrapSpecs {
   // keeps.
   bool IdenticalTo(SvrBootstrapSpecs const& other) const;
 
-  // Writes a readable account of the record, flushing after each of the
-  // lines from "Sampling Method" to "Number of samples" and not after the
-  // last two. Uses the stream's own number formatting.
+  // Writes a readable account of the record, flushing after the blank line
+  // under the title and after each line from "Sampling Method" to "Number of
+  // samples", not after the title or the closing lines. Uses the stream's own
+  // number formatting.
   void Display(std::ostream& out) const;
 
  private:
