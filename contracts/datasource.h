@@ -355,6 +355,12 @@ class QUOR_DataSource {
   // returns their count.
   unsigned int SplitPositions(int (&positions)[kMaxSplitVars]) const;
   void CheckPosition(long position, long limit, char const* operation) const;
+  // Where the variable `id` stands, -1 for none or the all-ones identifier.
+  int PositionOf(LocallyUniqueID id) const;
+  // `id` while a variable bears it, else the all-ones identifier.
+  LocallyUniqueID PresentID(LocallyUniqueID id) const;
+  // The identifier at `position`, all ones outside the dictionary.
+  LocallyUniqueID IDAt(int position) const;
 
   QUOR_DataSource* parent_;
   Dictionary dict_;

@@ -61,6 +61,9 @@ class VStream {
 
  private:
   void PassBytes(uint8_t* data, std::size_t size);
+  // An unsigned value as its bytes, least significant first.
+  template <typename Unsigned>
+  void PassLittleEndian(Unsigned& value);
 
   std::vector<uint8_t> bytes_;
   std::size_t pos_ = 0;

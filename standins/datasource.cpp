@@ -214,33 +214,26 @@ void QUOR_DataSource::DeleteVariables(int first, int last) {
 // Weight and filter are kept by identifier and checked against the
 // dictionary on every read: an entry replaced through GetVariable can carry a
 // new identifier, and the old one must then read as absent.
-int QUOR_DataSource::GetWeightVarIndex() const {
-  return dict_.weightID.IsNone() ? -1 : FindVarIndex(dict_.weightID);
+int QUOR_DataSource::PositionOf(LocallyUniqueID id) const {
+  return id.IsNone() ? -1 : FindVarIndex(id);
 }
 
-LocallyUniqueID QUOR_DataSource::GetWeightVariableID() const {
-  return GetWeightVarIndex() < 0 ? LocallyUniqueID() : dict_.weightID;
+LocallyUniqueID QUOR_DataSource::PresentID(LocallyUniqueID id) const {
+  return PositionOf(id) < 0 ? LocallyUniqueID() : id;
 }
 
-void QUOR_DataSource::SetWeightVar(int position) {
+// Any position outside the dictionary, -1 among them, records no variable.
+LocallyUniqueID QUOR_DataSource::IDAt(int position) const {
   bool const inside = position >= 0 && static_cast<std::size_t>(position) < dict_.variables.size();
-  dict_.weightID =
-      inside ? dict_.variables[static_cast<std::size_t>(position)].GetID() : LocallyUniqueID();
+  return inside ? dict_.variables[static_cast<std::size_t>(position)].GetID() : LocallyUniqueID();
 }
 
-int QUOR_DataSource::GetFilterVarIndex() const {
-  return dict_.filterID.IsNone() ? -1 : FindVarIndex(dict_.filterID);
-}
-
-LocallyUniqueID QUOR_DataSource::GetFilterVariableID() const {
-  return GetFilterVarIndex() < 0 ? LocallyUniqueID() : dict_.filterID;
-}
-
-void QUOR_DataSource::SetFilterVar(int position) {
-  bool const inside = position >= 0 && static_cast<std::size_t>(position) < dict_.variables.size();
-  dict_.filterID =
-      inside ? dict_.variables[static_cast<std::size_t>(position)].GetID() : LocallyUniqueID();
-}
+int QUOR_DataSource::GetWeightVarIndex() const { return PositionOf(dict_.weightID); }
+LocallyUniqueID QUOR_DataSource::GetWeightVariableID() const { return PresentID(dict_.weightID); }
+void QUOR_DataSource::SetWeightVar(int position) { dict_.weightID = IDAt(position); }
+int QUOR_DataSource::GetFilterVarIndex() const { return PositionOf(dict_.filterID); }
+LocallyUniqueID QUOR_DataSource::GetFilterVariableID() const { return PresentID(dict_.filterID); }
+void QUOR_DataSource::SetFilterVar(int position) { dict_.filterID = IDAt(position); }
 
 unsigned int QUOR_DataSource::SplitPositions(int (&positions)[kMaxSplitVars]) const {
   unsigned int count = 0;

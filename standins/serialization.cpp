@@ -50,38 +50,20 @@ void VStream::PassBytes(uint8_t* data, std::size_t size) {
 
 // Values are coded byte by byte, least significant first, so the form does
 // not depend on the host's byte order.
-void VStream::Pass(uint64_t& value) {
-  uint8_t buf[8];
-  if (!loading_) {
-    for (int i = 0; i < 8; ++i) buf[i] = static_cast<uint8_t>(value >> (8 * i));
-    PassBytes(buf, 8);
-    return;
-  }
-  PassBytes(buf, 8);
-  uint64_t v = 0;
-  for (int i = 0; i < 8; ++i) v |= static_cast<uint64_t>(buf[i]) << (8 * i);
-  value = v;
+template <typename Unsigned>
+void VStream::PassLittleEndian(Unsigned& value) {
+  uint8_t bytes[sizeof(Unsigned)];
+  for (std::size_t i = 0; i < sizeof bytes; ++i) bytes[i] = static_cast<uint8_t>(value >> (8 * i));
+  PassBytes(bytes, sizeof bytes);
+  if (!loading_) return;
+  Unsigned read = 0;
+  for (std::size_t i = 0; i < sizeof bytes; ++i) read |= static_cast<Unsigned>(bytes[i]) << (8 * i);
+  value = read;
 }
 
-void VStream::Pass(uint32_t& value) {
-  uint64_t wide = value;
-  uint8_t buf[4];
-  if (!loading_) {
-    for (int i = 0; i < 4; ++i) buf[i] = static_cast<uint8_t>(wide >> (8 * i));
-    PassBytes(buf, 4);
-    return;
-  }
-  PassBytes(buf, 4);
-  uint32_t v = 0;
-  for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(buf[i]) << (8 * i);
-  value = v;
-}
-
-void VStream::Pass(uint16_t& value) {
-  uint8_t buf[2] = {static_cast<uint8_t>(value), static_cast<uint8_t>(value >> 8)};
-  PassBytes(buf, 2);
-  if (loading_) value = static_cast<uint16_t>(buf[0] | (buf[1] << 8));
-}
+void VStream::Pass(uint64_t& value) { PassLittleEndian(value); }
+void VStream::Pass(uint32_t& value) { PassLittleEndian(value); }
+void VStream::Pass(uint16_t& value) { PassLittleEndian(value); }
 
 void VStream::Pass(uint8_t& value) { PassBytes(&value, 1); }
 

@@ -10,54 +10,21 @@
 #include "messages.h"
 #include "registry.h"
 
+// Fields not named here start as their declarations in the header say.
 SvrDMItem::SvrDMItem(LocallyUniqueID id, QUOR_DataSource* source, ServerDataManager* manager,
                      unsigned int sequence, std::string const& name, bool announceIt)
     : dataManager(manager),
       dataSource(source),
       fileName(name),
-      passwordMangled(false),
-      errorMonitor(LocallyUniqueID(), nullptr),
       dataSetID(id),
       caseSequence(sequence),
-      observerView(*this),
-      writersCount(0),
-      readersCount(0),
-      originator(0),
-      announce(announceIt),
-      writeLockFailed(false),
-      windowFront(false),
-      windowMinimized(true),
-      windowHidden(false),
-      createNotified(false),
-      lockedFile(nullptr),
-      lockedFileTime(0),
-      bootstrapSpecs(nullptr),
-      objCreationTime(0.0) {
+      announce(announceIt) {
   LockSavFileInUse();
   quorTimestampNow(&objCreationTime);
 }
 
-SvrDMItem::SvrDMItem()
-    : dataManager(nullptr),
-      dataSource(nullptr),
-      passwordMangled(false),
-      errorMonitor(LocallyUniqueID(), nullptr),
-      dataSetID(),
-      caseSequence(0),
-      observerView(*this),
-      writersCount(0),
-      readersCount(0),
-      originator(0),
-      announce(true),
-      writeLockFailed(false),
-      windowFront(false),
-      windowMinimized(true),
-      windowHidden(false),
-      createNotified(false),
-      lockedFile(nullptr),
-      lockedFileTime(0),
-      bootstrapSpecs(nullptr),
-      objCreationTime(0.0) {}
+// Built by nothing in the library; every field as the header declares it.
+SvrDMItem::SvrDMItem() = default;
 
 SvrDMItem::SvrDMItem(SvrDMItem const& other) : SvrDMItem() {
   announce = other.announce;

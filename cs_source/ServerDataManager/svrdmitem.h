@@ -146,17 +146,17 @@ class SvrDMItem : public QUOR_RefCntObject {
   void InitializeErrorMonitor(PackageProxy* proxy);
 
   // Set at construction.
-  ServerDataManager* dataManager;
+  ServerDataManager* dataManager = nullptr;
 
   // Changed under the write lock of accessMutex.
-  QUOR_DataSource* dataSource;
+  QUOR_DataSource* dataSource = nullptr;
 
   // No lock in this library: callers serialise their changes.
   std::string handle;
   std::string fileName;
   std::string sharedFileName;
   std::string password;
-  bool passwordMangled;
+  bool passwordMangled = false;
 
   sfMutexRW accessMutex;
   sfMutex observerMutex;
@@ -166,41 +166,42 @@ class SvrDMItem : public QUOR_RefCntObject {
   // Changed under the write lock of accessMutex; owned.
   std::vector<DataSetMsg*> notifications;
 
-  InteractiveErrorMonitor errorMonitor;
+  // Silent until InitializeErrorMonitor gives it the identifier and a channel.
+  InteractiveErrorMonitor errorMonitor{LocallyUniqueID(), nullptr};
 
   // Set at construction.
-  LocallyUniqueID dataSetID;
+  LocallyUniqueID dataSetID;  // all ones until the main constructor sets it
   // Advanced under the write lock of accessMutex.
-  uint32_t caseSequence;
+  uint32_t caseSequence = 0;
 
-  SvrDMObserverView observerView;
+  SvrDMObserverView observerView{*this};
 
   // Kept by the access objects, for reporting only. Readers move
   // readersCount side by side and writers count themselves before they hold
   // the lock, so both are atomic.
-  std::atomic<int32_t> writersCount;
-  std::atomic<int32_t> readersCount;
+  std::atomic<int32_t> writersCount{0};
+  std::atomic<int32_t> readersCount{0};
 
-  uint32_t originator;
-  bool announce;
+  uint32_t originator = 0;
+  bool announce = true;
   // Set when a try for the write lock fails, cleared by the release that
   // belongs to it. A hint only: tries may fail on several threads at once,
   // so ReleaseLock decides on what the failing thread itself remembers.
-  std::atomic<bool> writeLockFailed;
-  bool windowFront;
-  bool windowMinimized;
-  bool windowHidden;
-  bool createNotified;
+  std::atomic<bool> writeLockFailed{false};
+  bool windowFront = false;
+  bool windowMinimized = true;
+  bool windowHidden = false;
+  bool createNotified = false;
 
   // The held data file; no lock in this library.
-  FILE* lockedFile;
+  FILE* lockedFile = nullptr;
   std::string lockedFileName;
-  int64_t lockedFileTime;
+  int64_t lockedFileTime = 0;
 
   // Owned; no lock in this library.
-  SvrBootstrapSpecs* bootstrapSpecs;
+  SvrBootstrapSpecs* bootstrapSpecs = nullptr;
 
-  double objCreationTime;
+  double objCreationTime = 0.0;
 };
 
 typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
