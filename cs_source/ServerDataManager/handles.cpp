@@ -155,17 +155,16 @@ SvrDMWriteableDataSource::~SvrDMWriteableDataSource() noexcept(false) {
     ~Settle() { access->CountAsReader(); }
   } settle{this};
 
-  if (std::uncaught_exceptions() > 0) {
-    // Ending while another exception unwinds: a second one would end the
-    // process. That one goes on; what this pass failed to deliver stays
-    // queued for the next.
-    try {
-      Notify();
-    } catch (...) {
-    }
-    return;
+  try {
+    Notify();
+  } catch (...) {
+    // Ending while another exception unwinds (inside this handler only that
+    // one still counts as uncaught): letting this one out too would end the
+    // process, so that one goes on, and what this pass failed to deliver
+    // stays queued for the next. Asked only here, off the common path.
+    if (std::uncaught_exceptions() > 0) return;
+    throw;
   }
-  Notify();
 }
 
 QUOR_DataSource* SvrDMWriteableDataSource::GetDataSource() const { return item_->dataSource; }
