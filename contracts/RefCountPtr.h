@@ -22,21 +22,21 @@ class RefCountPtr {
     target_ = nullptr;
   }
 
+  // In both assignments the new reference is taken before the old one goes:
+  // the old target may own the new one's only other reference (a list node
+  // assigned its own successor), and releasing it first would destroy the
+  // object about to be stored. Equal targets, self-assignment among them,
+  // change nothing.
   RefCountPtr& operator=(T* p) {
     if (p == target_) return *this;
-    if (target_ != nullptr) target_->RemoveReference();
+    T* old = target_;
     target_ = p;
     Init();
+    if (old != nullptr) old->RemoveReference();
     return *this;
   }
-  RefCountPtr& operator=(RefCountPtr const& other) {
-    if (other.target_ == target_) return *this;
-    if (target_ != nullptr) target_->RemoveReference();
-    // Read again: releasing the old target may have destroyed the object
-    // that holds `other`, and with it nothing we may still trust but this.
-    target_ = other.target_;
-    Init();
-    return *this;
+  RefCountPtr& operator=(RefCountPtr const& other) {  // NOLINT(bugprone-unhandled-self-assignment)
+    return *this = other.target_;
   }
 
   RefCountPtr& operator=(RefCountPtr&& other) noexcept {
