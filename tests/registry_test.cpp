@@ -104,6 +104,23 @@ TEST_F(RegistryTest, LookupsAndAnItemThatOutlivesItsEntry) {
   EXPECT_EQ(destroyed, Lines{"s"});
 }
 
+// A server's static object that uses the process registry from its
+// constructor. This file's static initialisers run before the library's
+// (its objects come first in the link), so the registry must be there when
+// first asked for, not only once the library's own initialisers have run.
+struct EarlyUser {
+  EarlyUser() {
+    LocallyUniqueID id = ServerDataManager::GetInstance().AddEmpty(true);
+    found = ServerDataManager::GetInstance().GetDataSet(id).IsValid();
+    ServerDataManager::GetInstance().Delete(id);
+  }
+  bool found = false;
+} gEarlyUser;
+
+TEST(RegistryInstanceTest, UsableFromAStaticObjectBuiltBeforeTheLibrarys) {
+  EXPECT_TRUE(gEarlyUser.found);
+}
+
 TEST(RegistryEndTest, EndReleasesItemsWithoutNotices) {
   Lines log;
   RecordingObserver quiet;

@@ -51,9 +51,6 @@ struct ServerDataManager::Data {
 };
 
 namespace {
-// Built during the library's static initialisation, before any caller runs.
-ServerDataManager gInstance;
-
 // Holds a data-source chain handed to Add until an item has taken it. The
 // caller of Add has given the chain up, so an Add that fails before the item
 // exists (the allocator, an observer of the replaced dataset) deletes the
@@ -83,7 +80,19 @@ class HandedChain {
 };
 }  // namespace
 
-ServerDataManager& ServerDataManager::GetInstance() { return gInstance; }
+ServerDataManager& ServerDataManager::GetInstance() {
+  // Built by the first call, so that a server's own static objects may use
+  // the registry from their constructors whatever order the linker gives the
+  // static initialisers; once built, a call is one load and takes no lock.
+  static ServerDataManager instance;
+  return instance;
+}
+
+namespace {
+// Makes that first call during the library's own static initialisation when
+// nothing has asked earlier, so the instance exists before main runs.
+[[maybe_unused]] ServerDataManager& gInstance = ServerDataManager::GetInstance();
+}  // namespace
 
 ServerDataManager::ServerDataManager() : data_(new Data(this)) {}
 

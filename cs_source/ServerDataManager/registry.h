@@ -30,7 +30,8 @@ class ServerDataManagerObserver {
 // table and the observers.
 class ServerDataManager {
  public:
-  // The process-wide instance, built during static initialisation.
+  // The process-wide instance. It exists before main runs, and a static
+  // object of the server's may use it from its constructor.
   static ServerDataManager& GetInstance();
 
   ServerDataManager();
