@@ -19,8 +19,8 @@
 struct LocallyUniqueID {
   static constexpr uint32_t kNone = 0xFFFFFFFFu;
 
-  LocallyUniqueID() : group(0xFu), serial(0xFFFFFFFu) {}
-  LocallyUniqueID(uint32_t g, uint32_t s) : group(g & 0xFu), serial(s & 0xFFFFFFFu) {}
+  constexpr LocallyUniqueID() : group(0xFu), serial(0xFFFFFFFu) {}
+  constexpr LocallyUniqueID(uint32_t g, uint32_t s) : group(g & 0xFu), serial(s & 0xFFFFFFFu) {}
 
   // The word form used in messages and byte strings. Built by shifts, so it
   // does not depend on how the compiler lays out the bit fields.

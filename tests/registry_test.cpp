@@ -105,20 +105,29 @@ TEST_F(RegistryTest, LookupsAndAnItemThatOutlivesItsEntry) {
 }
 
 // A server's static object that uses the process registry from its
-// constructor. This file's static initialisers run before the library's
-// (its objects come first in the link), so the registry must be there when
-// first asked for, not only once the library's own initialisers have run.
-struct EarlyUser {
+// constructor: adds a dataset, watches it and ends a write access. This
+// file's static initialisers run before the library's (its objects come
+// first in the link), so the registry, and every constant the notify pass
+// reads, must be there when first asked for.
+struct EarlyUser : SvrDMDataSetObserver {
   EarlyUser() {
-    LocallyUniqueID id = ServerDataManager::GetInstance().AddEmpty(true);
-    found = ServerDataManager::GetInstance().GetDataSet(id).IsValid();
+    auto* source = new DataFreeDataSource;
+    source->MakeVariable(QUOR_Variable(LocallyUniqueID(0, 1), "a"), nullptr);
+    LocallyUniqueID id = ServerDataManager::GetInstance().Add(*source, "", true);
+    SvrDMDataset(id).Register(*this);
+    { SvrDMWriteableDataSource first(id, false, nullptr); }
+    SvrDMDataset(id).Unregister(*this);
     ServerDataManager::GetInstance().Delete(id);
   }
-  bool found = false;
+  void DataSetChanged(SvrDMWriteableDataSource const* access) override {
+    auto const* insert = dynamic_cast<InsertVarsMsg const*>(access->GetNotifications().at(0));
+    insertedAtTheEnd = insert != nullptr && insert->GetBeforeID().IsNone();
+  }
+  bool insertedAtTheEnd = false;
 } gEarlyUser;
 
 TEST(RegistryInstanceTest, UsableFromAStaticObjectBuiltBeforeTheLibrarys) {
-  EXPECT_TRUE(gEarlyUser.found);
+  EXPECT_TRUE(gEarlyUser.insertedAtTheEnd);
 }
 
 TEST(RegistryEndTest, EndReleasesItemsWithoutNotices) {

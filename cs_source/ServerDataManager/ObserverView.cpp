@@ -12,7 +12,9 @@
 
 namespace {
 
-LocallyUniqueID const kNoVariable;  // all ones: "no variable" and "at the end"
+// All ones: "no variable" and "at the end". Constant, so it holds its value
+// even for an Update that a static initialiser runs before this file's own.
+constexpr LocallyUniqueID kNoVariable;
 
 // QUOR_Variable::operator==, with its first test, one shared definition,
 // made here where it inlines: most variables of a reconciled list share
