@@ -232,9 +232,9 @@ class QUOR_DataSource {
     ~Extension() = default;
 
     bool IsEmpty() const { return !impl_.IsValid(); }
-    operator RefCountPtr<QUOR_ExtensionImpl> const&() const {
-      return impl_;
-    }  // NOLINT: implicit on purpose
+    // Implicit on purpose: a message takes the record in this form.
+    // NOLINTNEXTLINE(google-explicit-constructor)
+    operator RefCountPtr<QUOR_ExtensionImpl> const&() const { return impl_; }
     RefCountPtr<QUOR_ExtensionImpl> const& Get() const { return impl_; }
 
    private:
