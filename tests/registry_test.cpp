@@ -80,6 +80,31 @@ TEST_F(RegistryTest, NoticesFollowAnnounceAndSourceAndClearGoesLastFirst) {
   EXPECT_EQ(destroyed.size(), 2u);
 }
 
+TEST_F(RegistryTest, DeletionNoticeMayDeleteAnotherDataset) {
+  // Deletes `dependent` when it hears of `trigger`: the table shifts under
+  // the removal that sent the notice, which must still take out its own entry.
+  struct Cascade : RecordingObserver {
+    void DataSetDeleted(LocallyUniqueID const& id) override {
+      if (id == trigger) registry->Delete(dependent);
+    }
+    ServerDataManager* registry = nullptr;
+    LocallyUniqueID trigger, dependent;
+  } cascade;
+  cascade.registry = &registry;
+  registry.Register(cascade);
+  cascade.dependent = Add("", false, "x");
+  cascade.trigger = Add("", false, "y");
+  LocallyUniqueID z = Add("", false, "z");
+  registry.Delete(cascade.trigger);
+  EXPECT_EQ(destroyed, (Lines{"x", "y"}));
+  EXPECT_EQ(registry.GetDataSet(z)->dataSetID, z);
+  cascade.dependent = z;
+  cascade.trigger = Add("", false, "w");
+  registry.Clear();
+  EXPECT_EQ(destroyed, (Lines{"x", "y", "z", "w"}));
+  registry.Unregister(cascade);
+}
+
 TEST_F(RegistryTest, LookupsAndAnItemThatOutlivesItsEntry) {
   LocallyUniqueID first = Add("kept.csv");
   LocallyUniqueID second = Add();

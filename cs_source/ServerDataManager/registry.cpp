@@ -180,9 +180,13 @@ void ServerDataManager::Delete(LocallyUniqueID const& id) {
 }
 
 void ServerDataManager::Clear() {
-  // Held for the whole walk: the table may not change under the index.
+  // Held for the whole walk: no other thread may change the table under the
+  // index. A deletion notice may still delete other datasets on this thread,
+  // so the index is brought back within the table after each removal.
   CriticalSection::Lock lock(data_->registryLock);
-  for (std::size_t i = data_->items.size(); i > 0; --i) RemoveAt(i - 1);
+  for (std::size_t i = data_->items.size(); i > 0; i = std::min(i - 1, data_->items.size())) {
+    RemoveAt(i - 1);
+  }
 }
 
 void ServerDataManager::RemoveAt(std::size_t index) {
@@ -196,7 +200,18 @@ void ServerDataManager::RemoveAt(std::size_t index) {
       (*it)->DataSetDeleted(id);
     }
   }
-  data_->items.erase(data_->items.begin() + static_cast<std::ptrdiff_t>(index));
+  // An observer may have deleted other datasets from inside its notice (or
+  // this one), shifting the table: erase the entry of this item wherever it
+  // now stands, and nothing if it has gone already, never whatever has moved
+  // into `index`.
+  auto entry = data_->items.end();
+  if (index < data_->items.size() && data_->items[index] == item) {
+    entry = data_->items.begin() + static_cast<std::ptrdiff_t>(index);
+  } else {
+    entry = std::find(data_->items.begin(), data_->items.end(), item);
+    if (entry == data_->items.end()) return;
+  }
+  data_->items.erase(entry);
 }
 
 SvrDMItemPtr ServerDataManager::GetDataSet(LocallyUniqueID const& id) const {
