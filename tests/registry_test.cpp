@@ -1,3 +1,5 @@
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -129,6 +131,20 @@ TEST_F(RegistryTest, LookupsAndAnItemThatOutlivesItsEntry) {
   EXPECT_EQ(destroyed, Lines{"s"});
 }
 
+// A server's static object that uses the process registry only from its
+// destructor. It is built before anything has asked for the registry, so the
+// registry must outlive an object that it did not see built.
+struct LateUser {
+  LateUser() : armed(false) {}
+  ~LateUser() {
+    if (!armed) return;
+    ServerDataManager& registry = ServerDataManager::GetInstance();
+    registry.Delete(registry.AddEmpty(true));
+    std::fputs("late user done\n", stderr);
+  }
+  bool armed;
+} gLateUser;
+
 // A server's static object that uses the process registry from its
 // constructor: adds a dataset, watches it and ends a write access. This
 // file's static initialisers run before the library's (its objects come
@@ -153,6 +169,15 @@ struct EarlyUser : SvrDMDataSetObserver {
 
 TEST(RegistryInstanceTest, UsableFromAStaticObjectBuiltBeforeTheLibrarys) {
   EXPECT_TRUE(gEarlyUser.insertedAtTheEnd);
+}
+
+TEST(RegistryInstanceTest, UsableFromTheDestructorOfAStaticObjectBuiltBeforeIt) {
+  EXPECT_EXIT(
+      {
+        gLateUser.armed = true;
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "late user done");
 }
 
 TEST(RegistryEndTest, EndReleasesItemsWithoutNotices) {

@@ -1,8 +1,10 @@
 #include "registry.h"
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <list>
+#include <new>
 #include <vector>
 
 #include "datasource.h"
@@ -80,19 +82,33 @@ class HandedChain {
 };
 }  // namespace
 
-ServerDataManager& ServerDataManager::GetInstance() {
-  // Built by the first call, so that a server's own static objects may use
-  // the registry from their constructors whatever order the linker gives the
-  // static initialisers; once built, a call is one load and takes no lock.
-  static ServerDataManager instance;
-  return instance;
+namespace {
+// The process-wide instance lives here between the first SvrDMRegistryInit
+// and the end of the last. Both are constant-initialised, so they are ready
+// before any dynamic initialiser of any file runs.
+alignas(ServerDataManager) unsigned char gInstanceStorage[sizeof(ServerDataManager)];
+std::atomic<int> gInstanceUsers{0};
+
+ServerDataManager* Instance() {
+  return std::launder(reinterpret_cast<ServerDataManager*>(gInstanceStorage));
+}
+}  // namespace
+
+SvrDMRegistryInit::SvrDMRegistryInit() {
+  if (gInstanceUsers.fetch_add(1) == 0) new (gInstanceStorage) ServerDataManager();
 }
 
-namespace {
-// Makes that first call during the library's own static initialisation when
-// nothing has asked earlier, so the instance exists before main runs.
-[[maybe_unused]] ServerDataManager& gInstance = ServerDataManager::GetInstance();
-}  // namespace
+SvrDMRegistryInit::~SvrDMRegistryInit() {
+  if (gInstanceUsers.fetch_sub(1) == 1) Instance()->~ServerDataManager();
+}
+
+ServerDataManager& ServerDataManager::GetInstance() {
+  // A file that asks without including the header (through the handles, say)
+  // may run its initialisers before any file that does: the first such call
+  // builds the instance, which then ends with the static objects as usual.
+  if (gInstanceUsers.load(std::memory_order_acquire) == 0) static SvrDMRegistryInit firstUse;
+  return *Instance();
+}
 
 ServerDataManager::ServerDataManager() : data_(new Data(this)) {}
 
