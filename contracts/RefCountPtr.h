@@ -70,16 +70,17 @@ class RefCountPtr {
     target_->AddReference();
   }
 
-  // Makes the target this pointer's alone and returns it. When the copy
-  // throws, the reference on the old target has already gone, so the pointer
-  // is left null rather than releasing that reference twice.
+  // Makes the target this pointer's alone and returns it. The copy is made
+  // while this pointer still holds its reference: the other holders may drop
+  // theirs on other threads at any moment after the check, and had this one
+  // gone first, the last of them would free the object in mid-copy. A copy
+  // that throws leaves the pointer as it was.
   T* Unshared() {
     if (!target_->IsShared()) return target_;
     T* old = target_;
-    old->RemoveReference();
-    target_ = nullptr;
     target_ = Copy(*old);
     Init();
+    old->RemoveReference();
     return target_;
   }
 

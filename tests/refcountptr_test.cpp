@@ -1,4 +1,5 @@
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -79,6 +80,25 @@ TEST_F(RefCountPtrTest, UnsharedCopiesOnlyWhenSharedAndCopiesStartUncounted) {
   EXPECT_FALSE(only->IsShared());
   EXPECT_FALSE(other->IsShared());
   EXPECT_EQ(Counted::alive, 2);
+}
+
+TEST_F(RefCountPtrTest, UnsharedCopiesWhileItStillHoldsTheOldTarget) {
+  // Another holder may drop its pointer on another thread right after the
+  // check; this record drops it from inside the check, at that very moment.
+  struct Racy : Counted {
+    using Counted::Counted;
+    int IsShared() const {
+      int shared = Counted::IsShared();
+      if (other != nullptr) *std::exchange(other, nullptr) = nullptr;
+      return shared;
+    }
+    mutable RefCountPtr<Racy>* other = nullptr;
+  };
+  RefCountPtr<Racy> mine(new Racy(4));
+  RefCountPtr<Racy> theirs(mine);
+  mine->other = &theirs;
+  EXPECT_EQ(mine.Unshared()->value, 4);
+  EXPECT_EQ(Counted::alive, 1);
 }
 
 TEST_F(RefCountPtrTest, ConcurrentCopiesAndLastDropsBalance) {

@@ -1,3 +1,5 @@
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -80,6 +82,31 @@ TEST_F(RegistryTest, NoticesFollowAnnounceAndSourceAndClearGoesLastFirst) {
   EXPECT_EQ(destroyed.size(), 2u);
 }
 
+TEST_F(RegistryTest, DeletionNoticeMayDeleteAnotherDataset) {
+  // Deletes `dependent` when it hears of `trigger`: the table shifts under
+  // the removal that sent the notice, which must still take out its own entry.
+  struct Cascade : RecordingObserver {
+    void DataSetDeleted(LocallyUniqueID const& id) override {
+      if (id == trigger) registry->Delete(dependent);
+    }
+    ServerDataManager* registry = nullptr;
+    LocallyUniqueID trigger, dependent;
+  } cascade;
+  cascade.registry = &registry;
+  registry.Register(cascade);
+  cascade.dependent = Add("", false, "x");
+  cascade.trigger = Add("", false, "y");
+  LocallyUniqueID z = Add("", false, "z");
+  registry.Delete(cascade.trigger);
+  EXPECT_EQ(destroyed, (Lines{"x", "y"}));
+  EXPECT_EQ(registry.GetDataSet(z)->dataSetID, z);
+  cascade.dependent = z;
+  cascade.trigger = Add("", false, "w");
+  registry.Clear();
+  EXPECT_EQ(destroyed, (Lines{"x", "y", "z", "w"}));
+  registry.Unregister(cascade);
+}
+
 TEST_F(RegistryTest, LookupsAndAnItemThatOutlivesItsEntry) {
   LocallyUniqueID first = Add("kept.csv");
   LocallyUniqueID second = Add();
@@ -103,6 +130,20 @@ TEST_F(RegistryTest, LookupsAndAnItemThatOutlivesItsEntry) {
   held = nullptr;
   EXPECT_EQ(destroyed, Lines{"s"});
 }
+
+// A server's static object that uses the process registry only from its
+// destructor. It is built before anything has asked for the registry, so the
+// registry must outlive an object that it did not see built.
+struct LateUser {
+  LateUser() : armed(false) {}
+  ~LateUser() {
+    if (!armed) return;
+    ServerDataManager& registry = ServerDataManager::GetInstance();
+    registry.Delete(registry.AddEmpty(true));
+    std::fputs("late user done\n", stderr);
+  }
+  bool armed;
+} gLateUser;
 
 // A server's static object that uses the process registry from its
 // constructor: adds a dataset, watches it and ends a write access. This
@@ -128,6 +169,15 @@ struct EarlyUser : SvrDMDataSetObserver {
 
 TEST(RegistryInstanceTest, UsableFromAStaticObjectBuiltBeforeTheLibrarys) {
   EXPECT_TRUE(gEarlyUser.insertedAtTheEnd);
+}
+
+TEST(RegistryInstanceTest, UsableFromTheDestructorOfAStaticObjectBuiltBeforeIt) {
+  EXPECT_EXIT(
+      {
+        gLateUser.armed = true;
+        std::exit(0);
+      },
+      ::testing::ExitedWithCode(0), "late user done");
 }
 
 TEST(RegistryEndTest, EndReleasesItemsWithoutNotices) {

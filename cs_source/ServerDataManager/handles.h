@@ -10,6 +10,7 @@
 #include "RefCountPtr.h"
 #include "datasource.h"
 #include "platform.h"
+#include "registry.h"  // keeps the process registry alive for this file's statics
 #include "svrdmitem.h"
 
 class DataSetMsg;

@@ -1,8 +1,10 @@
 #include "registry.h"
 
 #include <algorithm>
+#include <atomic>
 #include <iterator>
 #include <list>
+#include <new>
 #include <vector>
 
 #include "datasource.h"
@@ -80,19 +82,33 @@ class HandedChain {
 };
 }  // namespace
 
-ServerDataManager& ServerDataManager::GetInstance() {
-  // Built by the first call, so that a server's own static objects may use
-  // the registry from their constructors whatever order the linker gives the
-  // static initialisers; once built, a call is one load and takes no lock.
-  static ServerDataManager instance;
-  return instance;
+namespace {
+// The process-wide instance lives here between the first SvrDMRegistryInit
+// and the end of the last. Both are constant-initialised, so they are ready
+// before any dynamic initialiser of any file runs.
+alignas(ServerDataManager) unsigned char gInstanceStorage[sizeof(ServerDataManager)];
+std::atomic<int> gInstanceUsers{0};
+
+ServerDataManager* Instance() {
+  return std::launder(reinterpret_cast<ServerDataManager*>(gInstanceStorage));
+}
+}  // namespace
+
+SvrDMRegistryInit::SvrDMRegistryInit() {
+  if (gInstanceUsers.fetch_add(1) == 0) new (gInstanceStorage) ServerDataManager();
 }
 
-namespace {
-// Makes that first call during the library's own static initialisation when
-// nothing has asked earlier, so the instance exists before main runs.
-[[maybe_unused]] ServerDataManager& gInstance = ServerDataManager::GetInstance();
-}  // namespace
+SvrDMRegistryInit::~SvrDMRegistryInit() {
+  if (gInstanceUsers.fetch_sub(1) == 1) Instance()->~ServerDataManager();
+}
+
+ServerDataManager& ServerDataManager::GetInstance() {
+  // A file that asks without including the header (through the handles, say)
+  // may run its initialisers before any file that does: the first such call
+  // builds the instance, which then ends with the static objects as usual.
+  if (gInstanceUsers.load(std::memory_order_acquire) == 0) static SvrDMRegistryInit firstUse;
+  return *Instance();
+}
 
 ServerDataManager::ServerDataManager() : data_(new Data(this)) {}
 
@@ -180,9 +196,13 @@ void ServerDataManager::Delete(LocallyUniqueID const& id) {
 }
 
 void ServerDataManager::Clear() {
-  // Held for the whole walk: the table may not change under the index.
+  // Held for the whole walk: no other thread may change the table under the
+  // index. A deletion notice may still delete other datasets on this thread,
+  // so the index is brought back within the table after each removal.
   CriticalSection::Lock lock(data_->registryLock);
-  for (std::size_t i = data_->items.size(); i > 0; --i) RemoveAt(i - 1);
+  for (std::size_t i = data_->items.size(); i > 0; i = std::min(i - 1, data_->items.size())) {
+    RemoveAt(i - 1);
+  }
 }
 
 void ServerDataManager::RemoveAt(std::size_t index) {
@@ -196,7 +216,18 @@ void ServerDataManager::RemoveAt(std::size_t index) {
       (*it)->DataSetDeleted(id);
     }
   }
-  data_->items.erase(data_->items.begin() + static_cast<std::ptrdiff_t>(index));
+  // An observer may have deleted other datasets from inside its notice (or
+  // this one), shifting the table: erase the entry of this item wherever it
+  // now stands, and nothing if it has gone already, never whatever has moved
+  // into `index`.
+  auto entry = data_->items.end();
+  if (index < data_->items.size() && data_->items[index] == item) {
+    entry = data_->items.begin() + static_cast<std::ptrdiff_t>(index);
+  } else {
+    entry = std::find(data_->items.begin(), data_->items.end(), item);
+    if (entry == data_->items.end()) return;
+  }
+  data_->items.erase(entry);
 }
 
 SvrDMItemPtr ServerDataManager::GetDataSet(LocallyUniqueID const& id) const {

@@ -30,8 +30,9 @@ class ServerDataManagerObserver {
 // table and the observers.
 class ServerDataManager {
  public:
-  // The process-wide instance. It exists before main runs, and a static
-  // object of the server's may use it from its constructor.
+  // The process-wide instance. It exists before main runs and ends after
+  // the static objects of every file that includes this header: such an
+  // object may use it from its constructor and from its destructor.
   static ServerDataManager& GetInstance();
 
   ServerDataManager();
@@ -94,5 +95,20 @@ class ServerDataManager {
 
   std::unique_ptr<Data> data_;
 };
+
+// Keeps the process-wide instance alive for as long as a static object of any
+// file that includes this header may use it, from its constructor or from its
+// destructor. Each such file holds one of these ahead of its own objects: the
+// first to be built builds the instance, the last to end ends it.
+class SvrDMRegistryInit {
+ public:
+  SvrDMRegistryInit();
+  ~SvrDMRegistryInit();
+  SvrDMRegistryInit(SvrDMRegistryInit const&) = delete;
+  SvrDMRegistryInit& operator=(SvrDMRegistryInit const&) = delete;
+};
+
+// One per file, with internal linkage on purpose.
+static SvrDMRegistryInit const sdmRegistryInit;
 
 #endif  // SDM_REGISTRY_H
