@@ -452,6 +452,23 @@ std::vector<Scenario> const& Scenarios() {
          CheckUpdate(w, threw);
          w.item->Unregister(w.passes);
        }},
+      // A rename that cannot copy the definition it shares with the snapshot
+      // leaves the variable as it was, never empty: the next Update reads it.
+      {"RenameOfASharedVariable",
+       [](World& w) {
+         w.source = StartingSource();
+         w.item = w.registry.GetDataSet(w.registry.Add(*w.source, "", true));
+         w.item->observerView.Update();
+         w.item->ClearNotifications();
+         w.name = w.source->GetVariable(0).GetName();
+       },
+       [](World& w) { w.source->GetVariable(0).SetName("a name longer than any small buffer"); },
+       [](World& w, bool threw) {
+         EXPECT_EQ(w.source->GetVariable(0).GetName(),
+                   threw ? w.name : "a name longer than any small buffer");
+         w.item->observerView.Update();
+         EXPECT_EQ(w.item->notifications.empty(), threw);
+       }},
       SetDataSetCase("SetDataSetNullOverNull", 0),
       SetDataSetCase("SetDataSetFirstSource", 1),
       SetDataSetCase("SetDataSetSameHead", 2),

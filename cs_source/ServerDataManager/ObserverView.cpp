@@ -3,6 +3,7 @@
 #include <cstring>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -122,6 +123,20 @@ void SvrDMObserverView::Update() {
 // ends with the live list.
 void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
   uint32_t const nLive = live.ColumnCount();
+  // Whether a gap variable is still live. The live source answers that by
+  // searching its list, and a large reorder sweeps a gap of up to n
+  // survivors on each of n passes: asked there, a reversal costs n^3. So
+  // the live identifiers are gathered once, at the first gap of an Update;
+  // an Update that meets no gap builds nothing.
+  std::unordered_set<uint32_t> liveIDs;
+  auto isLive = [&](LocallyUniqueID id) {
+    if (liveIDs.empty()) {
+      liveIDs.reserve(nLive);
+      for (uint32_t i = 0; i < nLive; ++i)
+        liveIDs.insert(live.GetVariable(static_cast<int>(i)).GetID().ToWord());
+    }
+    return liveIDs.count(id.ToWord()) != 0;
+  };
   for (uint32_t iNew = 0; iNew < nLive; ++iNew) {
     // Borrowed, not copied: the live list does not change during Update, and
     // an unchanged dictionary should cost no reference count per variable.
@@ -156,7 +171,7 @@ void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
       std::vector<QUOR_Variable> deletedVars;
       for (uint32_t j = iNew; j < iOld;) {
         QUOR_Variable& candidate = view.GetVariable(static_cast<int>(j));
-        if (live.FindVarIndex(candidate.GetID()) == -1) {
+        if (!isLive(candidate.GetID())) {
           deletedVars.push_back(candidate);
           view.DeleteVariables(static_cast<int>(j), static_cast<int>(j));
           --iOld;
