@@ -26,6 +26,9 @@ PAIRS = {
     "BM_Update_MoveFirstToEnd_Incremental/1000": (None, None),
     # Its ratio is the growth from 1,000 to 10,000 variables.
     "BM_Update_MoveFirstToEnd_Incremental/10000": ("BM_Update_MoveFirstToEnd_Incremental/1000", None),
+    "BM_Update_Reverse_Incremental/1000": (None, None),
+    # Its ratio is the growth from 1,000 to 4,000 variables.
+    "BM_Update_Reverse_Incremental/4000": ("BM_Update_Reverse_Incremental/1000", None),
     "BM_Access_ReadFreeItem": ("BM_Baseline_SharedMutexReadLock", 2.5),
     "BM_Access_WriteNoChangeNoObserver": ("BM_Baseline_SharedMutexWriteLock", 4.0),
     "BM_Access_WriteRename4Observers/1000": ("BM_Access_WriteNoChange4Observers/1000", None),
