@@ -26,7 +26,8 @@ int QUORMBstricmp_A(char const* a, char const* b) {
 
 namespace {
 // Days from 1970-01-01 to the given proleptic Gregorian date (H. Hinnant's
-// civil-from-days inverse), exact for every year a long can hold here.
+// civil-from-days inverse), exact for years within a few hundred billion of
+// the epoch, far beyond any clock's.
 long long DaysFromCivil(long long y, unsigned m, unsigned d) {
   y -= m <= 2;
   long long const era = (y >= 0 ? y : y - 399) / 400;

@@ -27,7 +27,8 @@ class ServerDataManagerObserver {
 // identifier and handle, and removes them. The table holds counted pointers,
 // so an item outlives its entry while anything else refers to it. Every
 // operation may be called from any thread; one recursive lock guards the
-// table and the observers.
+// table and the observers. Items point back to their registry, so a registry
+// other than the process one must outlive every handle on its datasets.
 class ServerDataManager {
  public:
   // The process-wide instance. It exists before main runs and ends after
