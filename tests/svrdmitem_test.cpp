@@ -5,21 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
+#include "support/access_probes.h"
 #include "support/counting_source.h"
 
 namespace {
-
-class TestMessage : public DataSetMsg {
- public:
-  explicit TestMessage(int* destroyed) : destroyed_(destroyed) {}
-  ~TestMessage() override { ++*destroyed_; }
-  VSerializable* Clone() const override { return new TestMessage(destroyed_); }
-  int Process(VStream&) override { return 0; }
-  char const* GetClassName() const override { return "TestMessage"; }
-
- private:
-  int* destroyed_;
-};
 
 SvrDMItem* MakeItem(LocallyUniqueID id, QUOR_DataSource* source = nullptr) {
   return new SvrDMItem(id, source, nullptr, 7, std::string(), true);
@@ -57,7 +46,7 @@ TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirst) {
   {
     SvrDMItemPtr item(
         MakeItem(LocallyUniqueID(0, 1), CountingSource::Chain(&log, {"head", "middle", "root"})));
-    item->notifications.push_back(new TestMessage(&destroyed));
+    item->notifications.push_back(new ProbeMessage("queued", &destroyed));
     item->notifications.push_back(nullptr);
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());  // the first is freed (asan checks)
