@@ -1,9 +1,10 @@
 #include "ObserverView.h"
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <stdexcept>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -17,6 +18,19 @@ namespace {
 // even for an Update that a static initialiser runs before this file's own.
 constexpr LocallyUniqueID kNoVariable;
 
+// The split arrays of a data source, its messages and the snapshot hold
+// eight identifiers.
+constexpr int kMaxSplit = 8;
+
+using MessagePtr = std::unique_ptr<DataSetMsg>;
+
+// Makes room for `count` more messages, so that appending them cannot fail.
+// Grows geometrically: the stages of one Update each ask for a little.
+void MakeRoom(std::vector<DataSetMsg*>& queue, std::size_t count) {
+  std::size_t const needed = queue.size() + count;
+  if (needed > queue.capacity()) queue.reserve(std::max(needed, 2 * queue.capacity()));
+}
+
 // QUOR_Variable::operator==, with its first test, one shared definition,
 // made here where it inlines: most variables of a reconciled list share
 // their definition with the snapshot.
@@ -26,6 +40,17 @@ bool SameVariable(QUOR_Variable const& a, QUOR_Variable const& b) {
 
 // A null label and an empty one mean the same.
 char const* TextOrEmpty(char const* text) { return text != nullptr ? text : ""; }
+
+std::string IdText(LocallyUniqueID id) {
+  return std::to_string(id.group) + ":" + std::to_string(id.serial);
+}
+
+[[noreturn]] void RefuseDuplicate(LocallyUniqueID id, uint32_t position) {
+  throw std::invalid_argument(
+      "SvrDMObserverView::Update: the data source holds the variable identifier " + IdText(id) +
+      " twice (again at position " + std::to_string(position) +
+      "); identifiers are unique in a dictionary, and nothing was announced");
+}
 
 bool SameSets(std::vector<VariableSetImpl> const& a, std::vector<VariableSetImpl> const& b) {
   if (a.size() != b.size()) return false;
@@ -41,15 +66,320 @@ bool SameSets(std::vector<VariableSetImpl> const& a, std::vector<VariableSetImpl
   return true;
 }
 
-// Builds the payload of a set extension and queues it. The message keeps
-// the payload alive through its own reference.
-void QueueSetExtension(QUOR_DataSource::ExtensionType type, std::vector<VariableSet> const& sets,
-                       SvrDMItem& item) {
+// Builds the message that carries a set extension. The message keeps the
+// payload alive through its own reference.
+MessagePtr SetExtensionMessage(QUOR_DataSource::ExtensionType type,
+                               std::vector<VariableSet> const& sets, SvrDMItem const& item) {
   std::string payload;
   MakeExtension(sets, payload, type);
   RefCountPtr<QUOR_ExtensionImpl> extension(new QUOR_ExtensionImpl(
       static_cast<int>(type), 1, static_cast<long>(payload.size()), payload.data()));
-  item.QueueNotification(new ExtensionsMsg(0, item.dataSetID, item.caseSequence, extension));
+  return MessagePtr(new ExtensionsMsg(0, item.dataSetID, item.caseSequence, extension));
+}
+
+// Counts, for a run of positions that are taken out one by one in any
+// order, how many of them are still in below a given one: a Fenwick tree,
+// O(log n) for both the question and the removal.
+class RemainingCounter {
+ public:
+  explicit RemainingCounter(uint32_t n) : tree_(n) {
+    // All present: node i covers the (i & -i) positions that end at i.
+    for (uint32_t i = 1; i <= n; ++i) tree_[i - 1] = i & (~i + 1);
+  }
+  // Present positions in [0, position).
+  uint32_t Below(uint32_t position) const {
+    uint32_t sum = 0;
+    for (uint32_t i = position; i > 0; i &= i - 1) sum += tree_[i - 1];
+    return sum;
+  }
+  void Remove(uint32_t position) {
+    for (uint32_t i = position + 1; i <= tree_.size(); i += i & (~i + 1)) --tree_[i - 1];
+  }
+
+ private:
+  std::vector<uint32_t> tree_;
+};
+
+// From identifier words to positions, open addressing with linear probing:
+// one flat array, filled once per Update that needs it.
+class IdentifierIndex {
+ public:
+  static constexpr uint32_t kAbsent = 0xFFFFFFFFu;
+
+  explicit IdentifierIndex(std::size_t count) {
+    std::size_t capacity = 16;
+    while (capacity < 2 * count) capacity *= 2;
+    slots_.assign(capacity, Slot{0, kAbsent});
+    mask_ = capacity - 1;
+  }
+  // The value stored under `key`, storing `value` there first if there was
+  // none; kAbsent then tells the caller that the key is new.
+  uint32_t FindOrAdd(uint32_t key, uint32_t value) {
+    // Fibonacci hashing spreads the consecutive serials of a dictionary.
+    for (std::size_t at = (key * 0x9E3779B1u) & mask_;; at = (at + 1) & mask_) {
+      Slot& slot = slots_[at];
+      if (slot.value == kAbsent) {
+        slot = Slot{key, value};
+        return kAbsent;
+      }
+      if (slot.key == key) return slot.value;
+    }
+  }
+
+ private:
+  struct Slot {
+    uint32_t key;
+    uint32_t value;
+  };
+  std::vector<Slot> slots_;
+  std::size_t mask_ = 0;
+};
+
+// The incremental variable stage, worked out before anything changes.
+//
+// The messages are those of the plain procedure: for each live position
+// iNew in turn, search the snapshot from iNew for the live variable; a new
+// one is inserted at iNew; one found further on first has the variables
+// between that the live list no longer has swept away, then moves up to
+// iNew in one step; a changed definition is reported. Run as written, that
+// costs a linear search a pass and a lookup a swept position, quadratic in
+// the number of variables under the write lock.
+//
+// It is worked out here without touching the snapshot instead. Positions
+// below iNew are settled, and inserts and moves land at iNew, so the
+// unsettled part of the snapshot is always its starting list with some
+// variables taken out, in their starting order. A variable's position in the
+// snapshot of the moment is therefore iNew plus the number of variables
+// still unsettled before it in the starting list. A small change is planned
+// by walking that list directly; once the walk has cost more than a few
+// passes over both lists, the plan starts again over an index of
+// identifiers and a Fenwick tree of the unsettled variables, which answer
+// each pass in O(log n). Either way the plan holds the same messages.
+struct VariablePlan {
+  static constexpr uint32_t kNew = 0xFFFFFFFFu;
+
+  enum class Kind : uint8_t { kInsert, kDelete, kMove, kModify };
+  struct Step {
+    Kind kind;
+    uint32_t a;  // insert, modify: live position; delete: first of `deleted`; move: from
+    uint32_t b;  // insert: beforeID word; delete: count; move: target
+  };
+  // The state of a variable of the unsettled part, by starting position.
+  enum : uint8_t { kUnsettled, kStaysLive, kSettled, kDeleted };
+
+  VariablePlan(QUOR_DataSource const& live, QUOR_DataSource& view)
+      : live(live), view(view), nLive(live.ColumnCount()), nView(view.ColumnCount()) {}
+
+  LocallyUniqueID LiveID(uint32_t i) const { return live.GetVariable(static_cast<int>(i)).GetID(); }
+  LocallyUniqueID ViewID(uint32_t i) const { return view.GetVariable(static_cast<int>(i)).GetID(); }
+
+  void Modified(uint32_t i, QUOR_Variable const& was) {
+    steps.push_back({Kind::kModify, i, 0});
+    QUOR_Variable const& now = live.GetVariable(static_cast<int>(i));
+    if (now.GetType() != was.GetType()) typeChanged = true;
+  }
+  // Ends a pass that found its variable at `position` of the starting list.
+  void Settle(uint32_t i, uint32_t position) {
+    match[i - start] = position;
+    QUOR_Variable const& was = view.GetVariable(static_cast<int>(position));
+    if (!SameVariable(live.GetVariable(static_cast<int>(i)), was)) Modified(i, was);
+  }
+  void Insert(uint32_t i, uint32_t firstUnsettled) {
+    LocallyUniqueID const before = firstUnsettled < nView ? ViewID(firstUnsettled) : kNoVariable;
+    steps.push_back({Kind::kInsert, i, before.ToWord()});
+    match[i - start] = kNew;
+    ++inserted;
+  }
+  void CloseDelete(std::size_t first) {
+    if (deleted.size() > first) {
+      steps.push_back(
+          {Kind::kDelete, static_cast<uint32_t>(first), static_cast<uint32_t>(deleted.size() - first)});
+    }
+  }
+
+  // Each returns false, with the plan to be started again, when it gives up.
+  void PlanPrefix();
+  bool PlanByWalking();
+  void PlanByIndex();
+  void CheckInsertedAreUnique() const;
+
+  QUOR_DataSource const& live;
+  QUOR_DataSource& view;
+  uint32_t const nLive, nView;
+  // Positions below `start` hold the same identifiers in both lists.
+  uint32_t start = 0;
+  std::vector<Step> steps;
+  // Starting positions of the variables that go, ascending across the plan.
+  std::vector<uint32_t> deleted;
+  // For each live position from `start`: the starting position of the
+  // snapshot's variable it was matched with, or kNew.
+  std::vector<uint32_t> match;
+  uint32_t inserted = 0;
+  bool typeChanged = false;
+};
+
+// Variables that have not moved: one identifier comparison a list and
+// variable, which is all an Update with no difference costs.
+void VariablePlan::PlanPrefix() {
+  uint32_t const common = std::min(nLive, nView);
+  for (; start < common; ++start) {
+    QUOR_Variable const& liveVar = live.GetVariable(static_cast<int>(start));
+    QUOR_Variable const& viewVar = view.GetVariable(static_cast<int>(start));
+    if (liveVar.GetID() != viewVar.GetID()) break;
+    if (!SameVariable(liveVar, viewVar)) Modified(start, viewVar);
+  }
+}
+
+// Walks the starting list as the plain procedure would, marking what it
+// settles and deletes. Gives up after about two passes over both lists.
+bool VariablePlan::PlanByWalking() {
+  std::vector<uint8_t> state(nView - start, kUnsettled);
+  auto at = [&](uint32_t position) -> uint8_t& { return state[position - start]; };
+  uint64_t work = 0;
+  uint64_t const budget = 2 * (uint64_t{nLive} + nView - 2 * uint64_t{start}) + 64;
+  uint32_t first = start;  // the first unsettled position
+  auto markSettled = [&](uint32_t position) {
+    at(position) = kSettled;
+    while (first < nView && at(first) >= kSettled) ++first;
+  };
+
+  for (uint32_t iNew = start; iNew < nLive; ++iNew) {
+    LocallyUniqueID const id = LiveID(iNew);
+    uint32_t found = first;
+    uint32_t ahead = 0;  // unsettled variables in front of `found`
+    for (; found < nView; ++found) {
+      if (++work > budget) return false;
+      if (at(found) >= kSettled) continue;
+      if (ViewID(found) == id) break;
+      ++ahead;
+    }
+    if (found == nView) {
+      Insert(iNew, first);
+      continue;
+    }
+    if (ahead > 0) {
+      // The variables in between that the live list no longer has go now.
+      // A live variable of the snapshot that is not yet settled stands
+      // further on in the live list, so only that part is searched.
+      std::size_t const firstDeleted = deleted.size();
+      for (uint32_t gap = first; gap < found; ++gap) {
+        if (at(gap) != kUnsettled) continue;
+        LocallyUniqueID const gapID = ViewID(gap);
+        bool stays = false;
+        for (uint32_t i = iNew + 1; i < nLive && !stays; ++i) {
+          if (++work > budget) return false;
+          stays = LiveID(i) == gapID;
+        }
+        if (stays) {
+          at(gap) = kStaysLive;
+        } else {
+          at(gap) = kDeleted;
+          deleted.push_back(gap);
+          --ahead;
+        }
+      }
+      CloseDelete(firstDeleted);
+      if (ahead > 0) steps.push_back({Kind::kMove, iNew + ahead, iNew});
+    }
+    markSettled(found);
+    Settle(iNew, found);
+  }
+  std::size_t const firstDeleted = deleted.size();
+  for (uint32_t position = first; position < nView; ++position) {
+    if (at(position) < kSettled) deleted.push_back(position);
+  }
+  CloseDelete(firstDeleted);
+  if (inserted > 0) CheckInsertedAreUnique();
+  return true;
+}
+
+// Every variable the walk found nowhere in the snapshot was inserted; an
+// identifier that the live list holds twice shows up as one of them, found
+// once more when the whole list is counted.
+void VariablePlan::CheckInsertedAreUnique() const {
+  std::vector<uint32_t> words;
+  words.reserve(inserted);
+  for (Step const& step : steps) {
+    if (step.kind == Kind::kInsert) words.push_back(LiveID(step.a).ToWord());
+  }
+  std::sort(words.begin(), words.end());
+  std::vector<uint8_t> seen(words.size(), 0);
+  for (uint32_t i = 0; i < nLive; ++i) {
+    uint32_t const word = LiveID(i).ToWord();
+    auto const hit = std::lower_bound(words.begin(), words.end(), word);
+    if (hit == words.end() || *hit != word) continue;
+    // A word inserted twice stands twice in `words`; its count is kept at
+    // the first, so the second occurrence in the live list is refused.
+    if (seen[static_cast<std::size_t>(hit - words.begin())]++ != 0) RefuseDuplicate(LiveID(i), i);
+  }
+}
+
+// The same plan over an index: every live variable is matched with its
+// place in the snapshot up front, which also finds a duplicate before
+// anything is planned, and which variables the sweeps will take out is then
+// known. A Fenwick tree gives each found variable's position at its pass.
+void VariablePlan::PlanByIndex() {
+  IdentifierIndex index(std::size_t{nView} + nLive);
+  for (uint32_t position = 0; position < nView; ++position) {
+    index.FindOrAdd(ViewID(position).ToWord(), position);
+  }
+  uint32_t const kInsertedMark = IdentifierIndex::kAbsent - 1;
+  std::vector<uint8_t> state(nView - start, kUnsettled);
+  for (uint32_t iNew = start; iNew < nLive; ++iNew) {
+    LocallyUniqueID const id = LiveID(iNew);
+    uint32_t const position = index.FindOrAdd(id.ToWord(), kInsertedMark);
+    if (position == IdentifierIndex::kAbsent) {
+      match[iNew - start] = kNew;
+      continue;
+    }
+    // Seen before in this list: as a new one, as a settled variable of the
+    // common start, or matched at an earlier position.
+    if (position == kInsertedMark || position < start || state[position - start] != kUnsettled) {
+      RefuseDuplicate(id, iNew);
+    }
+    state[position - start] = kStaysLive;
+    match[iNew - start] = position;
+  }
+  std::vector<uint32_t> gone;
+  for (uint32_t position = start; position < nView; ++position) {
+    if (state[position - start] == kUnsettled) gone.push_back(position);
+  }
+
+  RemainingCounter unsettled(nView - start);
+  std::size_t nextGone = 0;
+  uint32_t first = start;
+  auto markSettled = [&](uint32_t position) {
+    unsettled.Remove(position - start);
+    state[position - start] = kSettled;
+  };
+  for (uint32_t iNew = start; iNew < nLive; ++iNew) {
+    uint32_t const position = match[iNew - start];
+    while (first < nView && state[first - start] >= kSettled) ++first;
+    if (position == kNew) {
+      Insert(iNew, first);
+      continue;
+    }
+    uint32_t ahead = unsettled.Below(position - start);
+    if (ahead > 0) {
+      // Those ahead that are gone are exactly the gone ones below this
+      // position: every sweep takes all of those, so they are the next ones
+      // of the ascending list.
+      std::size_t const firstDeleted = deleted.size();
+      for (; nextGone < gone.size() && gone[nextGone] < position; ++nextGone) {
+        markSettled(gone[nextGone]);
+        state[gone[nextGone] - start] = kDeleted;
+        deleted.push_back(gone[nextGone]);
+        --ahead;
+      }
+      CloseDelete(firstDeleted);
+      if (ahead > 0) steps.push_back({Kind::kMove, iNew + ahead, iNew});
+    }
+    markSettled(position);
+    Settle(iNew, position);
+  }
+  std::size_t const firstDeleted = deleted.size();
+  deleted.insert(deleted.end(), gone.begin() + static_cast<std::ptrdiff_t>(nextGone), gone.end());
+  CloseDelete(firstDeleted);
 }
 
 }  // namespace
@@ -57,21 +387,62 @@ void QueueSetExtension(QUOR_DataSource::ExtensionType type, std::vector<Variable
 struct SvrDMObserverView::Data {
   explicit Data(SvrDMItem& item) : pItem(&item) { view.SetDirty(false); }
 
+  // A property whose snapshot write failed part-way: the snapshot may then
+  // hold anything for it, so the next Update announces it whatever the
+  // comparison says. Set only after a failure.
+  enum Unsure : uint32_t {
+    kFileSpec = 1u << 0,
+    kLabel = 1u << 1,
+    kWeight = 1u << 2,
+    kFilter = 1u << 3,
+    kTrends = 1u << 4,
+    kSplit = 1u << 5,
+    kMRSets = 1u << 6,
+    kVariableSets = 1u << 7,
+    kExtension = 1u << 8,
+    kAttributes = 1u << 9,
+    kImputation = 1u << 10,
+  };
+
   // Every message of one Update carries the item's identifier and its case
   // sequence as it stands now.
   template <class Message, class... Args>
-  void Queue(Args&&... args) {
-    pItem->QueueNotification(
+  MessagePtr Build(Args&&... args) const {
+    return MessagePtr(
         new Message(0, pItem->dataSetID, pItem->caseSequence, std::forward<Args>(args)...));
   }
 
+  bool Changed(bool differs, Unsure property) const { return differs || (unsure & property) != 0; }
+
+  // Queues the messages (null ones skipped) and makes the snapshot's write,
+  // both or neither as far as a watcher can tell: the messages are built by
+  // the caller and room in the queue is made before the snapshot changes, so
+  // nothing can fail once it has; a write that fails throws the messages
+  // away and leaves the property unsure.
+  template <class Write>
+  void Publish(Unsure property, Write&& write, MessagePtr first, MessagePtr second = nullptr) {
+    std::vector<DataSetMsg*>& queue = pItem->notifications;
+    MakeRoom(queue, 2);
+    try {
+      write();
+    } catch (...) {
+      unsure |= property;
+      throw;
+    }
+    unsure &= ~static_cast<uint32_t>(property);
+    if (first) queue.push_back(first.release());
+    if (second) queue.push_back(second.release());
+  }
+
   void UpdateVariables(QUOR_DataSource& live);
+  void CommitVariables(QUOR_DataSource& live, VariablePlan& plan);
   void ReplaceVariables(QUOR_DataSource& live);
   void UpdateProperties(QUOR_DataSource& live, int nSplitAtStart, bool bDirtyAtStart);
   void UpdateFileSpec(QUOR_DataSource& live);
   void UpdateFilterAndTrends(QUOR_DataSource& live);
   void UpdateSplit(QUOR_DataSource& live, int nSplitAtStart);
-  void UpdateSetsAndExtensions(QUOR_DataSource& live);
+  void UpdateSets(QUOR_DataSource& live);
+  void UpdateExtensions(QUOR_DataSource& live);
 
   // Set at construction.
   SvrDMItem* const pItem;
@@ -81,6 +452,7 @@ struct SvrDMObserverView::Data {
   int64_t nRows = -2;  // differs from every real count, so the first Update resets clients
   bool bResetClient = false;
   bool bBulkVarMoves = false;
+  uint32_t unsure = 0;
 };
 
 SvrDMObserverView::SvrDMObserverView(SvrDMItem& item) : data_(new Data(item)) {}
@@ -116,142 +488,194 @@ void SvrDMObserverView::Update() {
   d.UpdateProperties(*pDs, nSplitAtStart, bDirtyAtStart);
 }
 
-// The incremental variable stage. Each pass makes the first iNew + 1 view
-// variables equal to the live ones, queuing exactly the edits it applies to
-// the view, so every position in a message is a position in the list that
-// the messages before it have produced. A watcher that applies them in order
-// ends with the live list.
 void SvrDMObserverView::Data::UpdateVariables(QUOR_DataSource& live) {
-  uint32_t const nLive = live.ColumnCount();
-  // Whether a gap variable is still live. The live source answers that by
-  // searching its list, and a large reorder sweeps a gap of up to n
-  // survivors on each of n passes: asked there, a reversal costs n^3. So
-  // the live identifiers are gathered once, at the first gap of an Update;
-  // an Update that meets no gap builds nothing.
-  std::unordered_set<uint32_t> liveIDs;
-  auto isLive = [&](LocallyUniqueID id) {
-    if (liveIDs.empty()) {
-      liveIDs.reserve(nLive);
-      for (uint32_t i = 0; i < nLive; ++i)
-        liveIDs.insert(live.GetVariable(static_cast<int>(i)).GetID().ToWord());
-    }
-    return liveIDs.count(id.ToWord()) != 0;
-  };
-  for (uint32_t iNew = 0; iNew < nLive; ++iNew) {
-    // Borrowed, not copied: the live list does not change during Update, and
-    // an unchanged dictionary should cost no reference count per variable.
-    QUOR_Variable const& liveVar = live.GetVariable(static_cast<int>(iNew));
-    LocallyUniqueID const id = liveVar.GetID();
+  VariablePlan plan(live, view);
+  plan.PlanPrefix();
+  if (plan.start == plan.nLive && plan.start == plan.nView) {
+    if (!plan.steps.empty()) CommitVariables(live, plan);
+    return;
+  }
+  plan.match.resize(plan.nLive - plan.start);
+  std::size_t const prefixSteps = plan.steps.size();
+  bool const prefixTypeChanged = plan.typeChanged;
+  if (!plan.PlanByWalking()) {
+    plan.steps.resize(prefixSteps);
+    plan.typeChanged = prefixTypeChanged;
+    plan.deleted.clear();
+    plan.inserted = 0;
+    plan.PlanByIndex();
+  }
+  CommitVariables(live, plan);
+}
 
-    // Positions below iNew are settled; a variable that has not moved is
-    // found at once. The match is kept: while the view is not edited in this
-    // pass it is the view's variable at iNew, and an unchanged dictionary
-    // then costs one lookup per list and variable.
-    uint32_t iOld = iNew;
-    QUOR_Variable* found = nullptr;
-    for (uint32_t const nView = view.ColumnCount(); iOld < nView; ++iOld) {
-      QUOR_Variable& candidate = view.GetVariable(static_cast<int>(iOld));
-      if (candidate.GetID() == id) {
-        found = &candidate;
+// Brings the plan to the queue and the snapshot, all or nothing: every
+// message is built, and every allocation made, before the snapshot changes;
+// the one change that can fail, appending the new variables, is undone when
+// it does. A failure therefore leaves snapshot and queue as they were, and
+// the next Update plans the same differences again.
+//
+// The snapshot is not edited step by step either: it is brought to the live
+// order in one permutation of its handles, moved rather than copied, so a
+// reorder of every variable costs no reference count and no shift of the
+// list per step.
+void SvrDMObserverView::Data::CommitVariables(QUOR_DataSource& live, VariablePlan& plan) {
+  std::vector<MessagePtr> messages;
+  messages.reserve(plan.steps.size());
+  bool structural = false;
+  for (VariablePlan::Step const& step : plan.steps) {
+    switch (step.kind) {
+      case VariablePlan::Kind::kInsert: {
+        std::vector<QUOR_Variable> inserted(1, live.GetVariable(static_cast<int>(step.a)));
+        messages.push_back(Build<InsertVarsMsg>(inserted, LocallyUniqueID::FromWord(step.b)));
+        structural = true;
+        break;
+      }
+      case VariablePlan::Kind::kDelete: {
+        std::vector<QUOR_Variable> gone;
+        gone.reserve(step.b);
+        for (uint32_t i = step.a; i < step.a + step.b; ++i)
+          gone.push_back(view.GetVariable(static_cast<int>(plan.deleted[i])));
+        messages.push_back(Build<DeleteVarsMsg>(std::move(gone)));
+        structural = true;
+        break;
+      }
+      case VariablePlan::Kind::kMove:
+        messages.push_back(Build<MoveVarsMsg>(std::vector<unsigned int>(1, step.a), step.b));
+        structural = true;
+        break;
+      case VariablePlan::Kind::kModify: {
+        QUOR_Variable changed = live.GetVariable(static_cast<int>(step.a));
+        messages.push_back(Build<ModifyVarMsg>(changed));
         break;
       }
     }
-    bool const inPlace = found != nullptr && iOld == iNew;
+  }
 
-    if (found == nullptr) {
-      LocallyUniqueID beforeID = view.ColumnCount() > iNew
-                                     ? view.GetVariable(static_cast<int>(iNew)).GetID()
-                                     : kNoVariable;
-      std::vector<QUOR_Variable> inserted(1, liveVar);
-      Queue<InsertVarsMsg>(inserted, beforeID);
-      view.InsertVariable(static_cast<long>(iNew), liveVar);
-    } else if (iOld > iNew) {
-      // Drop from the gap what the live list no longer has; survivors stay
-      // for a later pass to place.
-      std::vector<QUOR_Variable> deletedVars;
-      for (uint32_t j = iNew; j < iOld;) {
-        QUOR_Variable& candidate = view.GetVariable(static_cast<int>(j));
-        if (!isLive(candidate.GetID())) {
-          deletedVars.push_back(candidate);
-          view.DeleteVariables(static_cast<int>(j), static_cast<int>(j));
-          --iOld;
-        } else {
-          ++j;
+  // Where each position of the changed part takes its variable from: the
+  // live order first, then the variables that go, which end up behind it.
+  uint32_t const start = plan.start;
+  std::vector<uint32_t> from;
+  if (structural) {
+    from.reserve(plan.nView - start + plan.inserted);
+    uint32_t appended = plan.nView;
+    for (uint32_t const position : plan.match)
+      from.push_back(position == VariablePlan::kNew ? appended++ : position);
+    from.insert(from.end(), plan.deleted.begin(), plan.deleted.end());
+  }
+  std::vector<DataSetMsg*>& queue = pItem->notifications;
+  MakeRoom(queue, messages.size());
+
+  if (plan.inserted > 0) {
+    uint32_t added = 0;
+    try {
+      for (uint32_t i = 0; i < plan.match.size(); ++i) {
+        if (plan.match[i] != VariablePlan::kNew) continue;
+        view.MakeVariable(live.GetVariable(static_cast<int>(start + i)), nullptr);
+        ++added;
+      }
+    } catch (...) {
+      if (added > 0) {
+        view.DeleteVariables(static_cast<int>(plan.nView),
+                             static_cast<int>(plan.nView + added - 1));
+      }
+      throw;
+    }
+  }
+
+  // Nothing below can fail: moves of handles, removals, copies of handles
+  // onto shareable definitions, and appends to reserved room.
+  if (structural) {
+    // Cycle by cycle: each position takes the variable it is given, and the
+    // place that variable leaves takes its own next.
+    uint32_t const kDone = VariablePlan::kNew;
+    for (uint32_t cycle = 0; cycle < from.size(); ++cycle) {
+      if (from[cycle] == kDone || from[cycle] == start + cycle) continue;
+      QUOR_Variable held = std::move(view.GetVariable(static_cast<int>(start + cycle)));
+      uint32_t to = cycle;
+      for (;;) {
+        uint32_t const source = from[to] - start;
+        from[to] = kDone;
+        if (source == cycle) {
+          view.GetVariable(static_cast<int>(start + to)) = std::move(held);
+          break;
         }
-      }
-      if (!deletedVars.empty()) Queue<DeleteVarsMsg>(std::move(deletedVars));
-
-      if (iOld > iNew) {
-        Queue<MoveVarsMsg>(std::vector<unsigned int>(1, iOld), iNew);
-        QUOR_Variable moved = view.GetVariable(static_cast<int>(iOld));
-        view.DeleteVariables(static_cast<int>(iOld), static_cast<int>(iOld));
-        view.InsertVariable(static_cast<long>(iNew), moved);
+        view.GetVariable(static_cast<int>(start + to)) =
+            std::move(view.GetVariable(static_cast<int>(start + source)));
+        to = source;
       }
     }
-
-    QUOR_Variable& viewVar = inPlace ? *found : view.GetVariable(static_cast<int>(iNew));
-    if (!SameVariable(liveVar, viewVar)) {
-      QUOR_Variable changed = liveVar;
-      Queue<ModifyVarMsg>(changed);
-      if (liveVar.GetType() != viewVar.GetType()) bResetClient = true;
-      live.SetDirty(true);
-      viewVar = liveVar;
-    }
-    // viewVar and liveVar are still what GetVariable(iNew) of each list gives.
-    if (!SameVariable(viewVar, liveVar)) {
-      SvrDMAssertionFailed("view.GetVariable(iNew) == pDs->GetVariable(iNew)",
-                           "cs_source/ServerDataManager/ObserverView", __LINE__,
-                           "void SvrDMObserverView::Update()");
+    uint32_t const total = plan.nView + plan.inserted;
+    if (total > plan.nLive) {
+      view.DeleteVariables(static_cast<int>(plan.nLive), static_cast<int>(total - 1));
     }
   }
-
-  if (view.ColumnCount() > nLive) {
-    std::vector<QUOR_Variable> tail;
-    for (uint32_t i = nLive; i < view.ColumnCount(); ++i)
-      tail.push_back(view.GetVariable(static_cast<int>(i)));
-    view.DeleteVariables(static_cast<int>(nLive), static_cast<int>(view.ColumnCount()) - 1);
-    Queue<DeleteVarsMsg>(std::move(tail));
+  bool modified = false;
+  for (VariablePlan::Step const& step : plan.steps) {
+    if (step.kind != VariablePlan::Kind::kModify) continue;
+    view.GetVariable(static_cast<int>(step.a)) = live.GetVariable(static_cast<int>(step.a));
+    modified = true;
   }
+  for (MessagePtr& message : messages) queue.push_back(message.release());
+  if (modified) live.SetDirty(true);
+  if (plan.typeChanged) bResetClient = true;
 }
 
 // The bulk variable stage: the whole list out, the whole live list in. Two
 // messages, even when a list is empty, whatever moved.
 void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
-  int const n = static_cast<int>(view.ColumnCount());
-  std::vector<QUOR_Variable> old;
-  old.reserve(static_cast<std::size_t>(n));
-  // Room for both messages first, so that handing one over cannot fail
-  // once it is built.
-  pItem->notifications.reserve(pItem->notifications.size() + 2);
-  // The view's handles pass to the message rather than being copied and
-  // then dropped: two atomic operations a variable saved. Until the message
-  // is queued the view holds empty handles; if building it fails (only its
-  // allocation can, which comes before the list is taken), they go back, so
-  // the view is as it was and the next Update starts over.
-  for (int i = 0; i < n; ++i) old.push_back(std::move(view.GetVariable(i)));
-  try {
-    Queue<DeleteVarsMsg>(std::move(old));
-  } catch (...) {
-    for (std::size_t i = 0; i < old.size(); ++i) {
-      view.GetVariable(static_cast<int>(i)) = std::move(old[i]);
+  uint32_t const n = view.ColumnCount();
+  uint32_t const m = live.ColumnCount();
+  {
+    // A list with an identifier twice would pass into the snapshot, whose
+    // later comparisons rely on identifiers being unique.
+    IdentifierIndex seen(m);
+    for (uint32_t i = 0; i < m; ++i) {
+      LocallyUniqueID const id = live.GetVariable(static_cast<int>(i)).GetID();
+      if (seen.FindOrAdd(id.ToWord(), i) != IdentifierIndex::kAbsent) RefuseDuplicate(id, i);
     }
+  }
+  std::vector<QUOR_Variable> old;
+  old.reserve(n);
+  std::vector<QUOR_Variable> fresh;
+  fresh.reserve(m);
+  for (uint32_t i = 0; i < m; ++i) fresh.push_back(live.GetVariable(static_cast<int>(i)));
+  MessagePtr insert = Build<InsertVarsMsg>(fresh, kNoVariable);
+  std::vector<DataSetMsg*>& queue = pItem->notifications;
+  MakeRoom(queue, 2);
+
+  // Growth is the one change to the snapshot that can fail; it comes first
+  // and is undone on failure.
+  uint32_t added = 0;
+  try {
+    for (; n + added < m; ++added)
+      view.MakeVariable(live.GetVariable(static_cast<int>(n + added)), nullptr);
+  } catch (...) {
+    if (added > 0) view.DeleteVariables(static_cast<int>(n), static_cast<int>(n + added - 1));
     throw;
   }
-  view.DeleteVariables(0, n - 1);
-
-  int const m = static_cast<int>(live.ColumnCount());
-  std::vector<QUOR_Variable> fresh;
-  fresh.reserve(static_cast<std::size_t>(m));
-  for (int i = 0; i < m; ++i) {
-    QUOR_Variable const& variable = live.GetVariable(i);
-    fresh.push_back(variable);
-    view.MakeVariable(variable, nullptr);
+  // The snapshot's handles pass to the message rather than being copied and
+  // then dropped: two atomic operations a variable saved. Building it can
+  // fail only in its allocation, before the list is taken; the handles then
+  // go back.
+  for (uint32_t i = 0; i < n; ++i) old.push_back(std::move(view.GetVariable(static_cast<int>(i))));
+  MessagePtr remove;
+  try {
+    remove = Build<DeleteVarsMsg>(std::move(old));
+  } catch (...) {
+    for (uint32_t i = 0; i < n; ++i) view.GetVariable(static_cast<int>(i)) = std::move(old[i]);
+    if (added > 0) view.DeleteVariables(static_cast<int>(n), static_cast<int>(n + added - 1));
+    throw;
   }
-  Queue<InsertVarsMsg>(fresh, kNoVariable);
+  for (uint32_t i = 0; i < std::min(n, m); ++i)
+    view.GetVariable(static_cast<int>(i)) = live.GetVariable(static_cast<int>(i));
+  if (n > m) view.DeleteVariables(static_cast<int>(m), static_cast<int>(n - 1));
+  queue.push_back(remove.release());
+  queue.push_back(insert.release());
   bBulkVarMoves = false;
 }
 
-// The property stages, in the order in which a watcher receives them.
+// The property stages, in the order in which a watcher receives them. Each
+// builds its message before it writes the snapshot (see Publish).
 void SvrDMObserverView::Data::UpdateProperties(QUOR_DataSource& live, int nSplitAtStart,
                                                bool bDirtyAtStart) {
   // Rows: the reset message waits until every cause of a reset has run.
@@ -263,50 +687,61 @@ void SvrDMObserverView::Data::UpdateProperties(QUOR_DataSource& live, int nSplit
 
   // Rows per imputation: only a change to 0 is announced.
   long long const perImputation = live.RowsPerImputation();
-  if (view.RowsPerImputation() != perImputation) {
+  if (Changed(view.RowsPerImputation() != perImputation, kImputation)) {
+    MessagePtr message;
     if (perImputation == 0) {
-      ImputationInfoMsg* message = new ImputationInfoMsg();
-      message->rowsPerImputation = perImputation;
-      pItem->QueueNotification(message);
+      auto* imputation = new ImputationInfoMsg();
+      message.reset(imputation);
+      imputation->rowsPerImputation = perImputation;
     }
-    view.RowsPerImputation(perImputation);
+    Publish(
+        kImputation, [&] { view.RowsPerImputation(perImputation); }, std::move(message));
   }
 
   UpdateFileSpec(live);
 
   char const* label = TextOrEmpty(live.GetLabel());
-  if (std::strcmp(label, TextOrEmpty(view.GetLabel())) != 0) {
-    Queue<FileLabelChangeMsg>(label);
-    view.SetLabel(*label != '\0' ? label : nullptr);
+  if (Changed(std::strcmp(label, TextOrEmpty(view.GetLabel())) != 0, kLabel)) {
+    Publish(
+        kLabel, [&] { view.SetLabel(*label != '\0' ? label : nullptr); },
+        Build<FileLabelChangeMsg>(label));
   }
 
   // Weight by identifier: a weight variable that only moved is no change.
   int const weightIndex = live.GetWeightVarIndex();
   LocallyUniqueID const weightID = live.GetWeightVariableID();
-  if (weightID != view.GetWeightVariableID()) {
-    Queue<WeightVarMsg>(weightID);
-    view.SetWeightVar(weightIndex);
+  if (Changed(weightID != view.GetWeightVariableID(), kWeight)) {
+    Publish(
+        kWeight, [&] { view.SetWeightVar(weightIndex); }, Build<WeightVarMsg>(weightID));
   }
 
   UpdateFilterAndTrends(live);
   UpdateSplit(live, nSplitAtStart);
-  UpdateSetsAndExtensions(live);
+  UpdateSets(live);
+  UpdateExtensions(live);
 
   if (bResetClient) {
-    Queue<ResetClientDataMsg>(static_cast<int64_t>(live.RowCount()));
+    std::vector<DataSetMsg*>& queue = pItem->notifications;
+    MessagePtr reset = Build<ResetClientDataMsg>(static_cast<int64_t>(live.RowCount()));
+    MakeRoom(queue, 1);
+    queue.push_back(reset.release());
     bResetClient = false;
   }
 
   // The variable stage may have marked the live source dirty in this same
   // Update; that counts too.
   bool const dirty = live.IsDirty();
-  if (dirty != bDirtyAtStart) Queue<DataSetModifiedMsg>(dirty);
+  MessagePtr modified;
+  if (dirty != bDirtyAtStart) modified = Build<DataSetModifiedMsg>(dirty);
+  std::vector<DataSetMsg*>& queue = pItem->notifications;
+  MakeRoom(queue, 1);
   view.SetDirty(dirty);
+  if (modified) queue.push_back(modified.release());
 }
 
 void SvrDMObserverView::Data::UpdateFileSpec(QUOR_DataSource& live) {
   char const* liveFileSpec = live.GetFileSpec();
-  if (std::strcmp(liveFileSpec, view.GetFileSpec()) == 0) return;
+  if (!Changed(std::strcmp(liveFileSpec, view.GetFileSpec()) != 0, kFileSpec)) return;
   // A dataset added for a file that another dataset holds keeps that name
   // to itself: it is not announced, and the view keeps its old FileSpec, so
   // the same comparison recurs until the name moves on.
@@ -315,12 +750,16 @@ void SvrDMObserverView::Data::UpdateFileSpec(QUOR_DataSource& live) {
   QUOR_DataSource const* root = &live;
   while (root->GetParentSource() != nullptr) root = root->GetParentSource();
   // Only a chain that rests on a data file has a file name to announce.
+  MessagePtr message;
   if (dynamic_cast<SystemFileDataSource const*>(root) != nullptr) {
     std::string const fileSpec(liveFileSpec);
-    Queue<FileSpecChangeMsg>(fileSpec.c_str(), true);
+    message = Build<FileSpecChangeMsg>(fileSpec.c_str(), true);
+    // The item takes the new name before anything is queued: should that
+    // fail, the next Update finds the same difference and tries again.
     pItem->FileName(fileSpec);
   }
-  view.SetFileSpec(liveFileSpec);
+  Publish(
+      kFileSpec, [&] { view.SetFileSpec(liveFileSpec); }, std::move(message));
 }
 
 // One filter change gives one message: ahead of the trends message when the
@@ -328,26 +767,24 @@ void SvrDMObserverView::Data::UpdateFileSpec(QUOR_DataSource& live) {
 void SvrDMObserverView::Data::UpdateFilterAndTrends(QUOR_DataSource& live) {
   int const filterIndex = live.GetFilterVarIndex();
   LocallyUniqueID const filterID = live.GetFilterVariableID();
-  bool const filterChanged = filterID != view.GetFilterVariableID();
+  bool const filterChanged = Changed(filterID != view.GetFilterVariableID(), kFilter);
   bool const filterRemoved = filterID == kNoVariable;
-  if (filterChanged && filterRemoved) {
-    Queue<FilterVarMsg>(filterID);
-    view.SetFilterVar(filterIndex);
+  auto publishFilter = [&] {
+    Publish(
+        kFilter, [&] { view.SetFilterVar(filterIndex); }, Build<FilterVarMsg>(filterID));
+  };
+  if (filterChanged && filterRemoved) publishFilter();
+
+  if (Changed(!(*view.GetTrendsInfo() == *live.GetTrendsInfo()), kTrends)) {
+    Publish(
+        kTrends, [&] { *view.GetTrendsInfo() = *live.GetTrendsInfo(); },
+        Build<TrendsInfoMsg>(live.GetTrendsInfo()));
   }
 
-  if (!(*view.GetTrendsInfo() == *live.GetTrendsInfo())) {
-    Queue<TrendsInfoMsg>(live.GetTrendsInfo());
-    *view.GetTrendsInfo() = *live.GetTrendsInfo();
-  }
-
-  if (filterChanged && !filterRemoved) {
-    Queue<FilterVarMsg>(filterID);
-    view.SetFilterVar(filterIndex);
-  }
+  if (filterChanged && !filterRemoved) publishFilter();
 }
 
 void SvrDMObserverView::Data::UpdateSplit(QUOR_DataSource& live, int nSplitAtStart) {
-  constexpr int kMaxSplit = 8;
   bool changed = nSplitAtStart != view.GetNSplitVars() || nSplitAtStart != live.GetNSplitVars();
   if (!changed && nSplitAtStart > 0) {
     changed = view.GetSplitqSeparate() != live.GetSplitqSeparate();
@@ -356,7 +793,7 @@ void SvrDMObserverView::Data::UpdateSplit(QUOR_DataSource& live, int nSplitAtSta
                 view.GetSplitVarID(static_cast<unsigned>(i));
     }
   }
-  if (!changed) return;
+  if (!Changed(changed, kSplit)) return;
 
   LocallyUniqueID ids[kMaxSplit];  // all ones beyond the live count
   int positions[kMaxSplit] = {};
@@ -373,40 +810,46 @@ void SvrDMObserverView::Data::UpdateSplit(QUOR_DataSource& live, int nSplitAtSta
     positions[i] = live.GetSplitVarIndex(static_cast<unsigned>(i));
   }
   bool const separate = live.GetSplitqSeparate();
-  Queue<SplitFileMsg>(n, static_cast<LocallyUniqueID const*>(ids), separate);
-  view.SetSplit(static_cast<unsigned>(n), positions, separate);
+  Publish(
+      kSplit, [&] { view.SetSplit(static_cast<unsigned>(n), positions, separate); },
+      Build<SplitFileMsg>(n, static_cast<LocallyUniqueID const*>(ids), separate));
 }
 
-void SvrDMObserverView::Data::UpdateSetsAndExtensions(QUOR_DataSource& live) {
-  std::vector<VariableSetImpl> liveMRSets = live.GetMRSets();
-  if (!SameSets(liveMRSets, view.GetMRSets())) {
-    view.SetMRSets(liveMRSets);
-    std::vector<VariableSet> const sets = VariableSets(live, static_cast<VarSetsType>(1));
+void SvrDMObserverView::Data::UpdateSets(QUOR_DataSource& live) {
+  std::vector<VariableSetImpl> const liveMRSets = live.GetMRSets();
+  if (Changed(!SameSets(liveMRSets, view.GetMRSets()), kMRSets)) {
+    std::vector<VariableSet> const sets = VariableSets(live, kMRSetsOfSource);
     // Clients read MR sets from two extensions; both go out.
-    QueueSetExtension(static_cast<QUOR_DataSource::ExtensionType>(7), sets, *pItem);
-    QueueSetExtension(static_cast<QUOR_DataSource::ExtensionType>(19), sets, *pItem);
+    MessagePtr first = SetExtensionMessage(QUOR_DataSource::kExtensionMRSets, sets, *pItem);
+    MessagePtr second = SetExtensionMessage(QUOR_DataSource::kExtensionMRSetsSecond, sets, *pItem);
+    Publish(
+        kMRSets, [&] { view.SetMRSets(liveMRSets); }, std::move(first), std::move(second));
   }
 
-  std::vector<VariableSetImpl> liveVarSets = live.GetVariableSets();
-  if (!SameSets(liveVarSets, view.GetVariableSets())) {
-    view.SetVariableSets(liveVarSets);
-    QueueSetExtension(static_cast<QUOR_DataSource::ExtensionType>(5),
-                      VariableSets(live, static_cast<VarSetsType>(0)), *pItem);
+  std::vector<VariableSetImpl> const liveVarSets = live.GetVariableSets();
+  if (Changed(!SameSets(liveVarSets, view.GetVariableSets()), kVariableSets)) {
+    Publish(
+        kVariableSets, [&] { view.SetVariableSets(liveVarSets); },
+        SetExtensionMessage(QUOR_DataSource::kExtensionVariableSets,
+                            VariableSets(live, kVariableSetsOfSource), *pItem));
   }
+}
 
-  QUOR_DataSource::Extension const viewExtension(view, 0);
-  QUOR_DataSource::Extension const liveExtension(live, 0);
-  if (!(viewExtension == liveExtension)) {
-    Queue<ExtensionsMsg>(static_cast<RefCountPtr<QUOR_ExtensionImpl> const&>(liveExtension));
-    view.SetExtension(liveExtension);
+void SvrDMObserverView::Data::UpdateExtensions(QUOR_DataSource& live) {
+  QUOR_DataSource::Extension const viewExtension(view, QUOR_DataSource::kExtensionRecord);
+  QUOR_DataSource::Extension const liveExtension(live, QUOR_DataSource::kExtensionRecord);
+  if (Changed(!(viewExtension == liveExtension), kExtension)) {
+    Publish(
+        kExtension, [&] { view.SetExtension(liveExtension); },
+        Build<ExtensionsMsg>(static_cast<RefCountPtr<QUOR_ExtensionImpl> const&>(liveExtension)));
   }
 
   DatasourceAttributes const& attributes = live.GetAttributes();
-  if (!(view.GetAttributes() == attributes)) {
+  if (Changed(!(view.GetAttributes() == attributes), kAttributes)) {
     std::string const text = attributes.MakeString();
-    RefCountPtr<QUOR_ExtensionImpl> extension(
-        new QUOR_ExtensionImpl(17, 1, static_cast<long>(text.size()), text.data()));
-    Queue<ExtensionsMsg>(extension);
-    view.SetAttributes(attributes);
+    RefCountPtr<QUOR_ExtensionImpl> extension(new QUOR_ExtensionImpl(
+        QUOR_DataSource::kExtensionAttributes, 1, static_cast<long>(text.size()), text.data()));
+    Publish(
+        kAttributes, [&] { view.SetAttributes(attributes); }, Build<ExtensionsMsg>(extension));
   }
 }

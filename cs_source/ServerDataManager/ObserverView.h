@@ -22,9 +22,16 @@ class SvrDMObserverView {
 
   // Compares the snapshot with the item's live data source, queues one
   // message per difference on the item, in a fixed order, and brings the
-  // snapshot up to date piece by piece. On an exception the messages queued
-  // so far and the snapshot changes made so far stay; the next Update picks
-  // up what is still different.
+  // snapshot up to date. The variable list is reconciled in O(n log n).
+  //
+  // Faults: each stage (the variable list, then each property) changes the
+  // snapshot and queues its messages together or not at all, so whatever
+  // exception leaves Update, the queue describes exactly what was done to
+  // the snapshot; the next Update finds what is still different.
+  //
+  // A live list that holds one identifier twice breaks the contract of a
+  // dictionary: Update then throws std::invalid_argument naming it, before
+  // anything is queued or changed.
   void Update();
 
   // When set, the next Update replaces the variable list in two messages
