@@ -51,6 +51,8 @@ void Disarm() {
   tArmed = false;
   VUGlobal::SetAllocationHook(nullptr);
 }
+Pause::Pause() : armed_(tArmed) { tArmed = false; }
+Pause::~Pause() { tArmed = armed_; }
 long Counted() { return tCounted; }
 long Failed() { return tFailed; }
 std::size_t LargestRequest() { return tLargest; }

@@ -1,4 +1,6 @@
+#include <algorithm>
 #include <map>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <tuple>
@@ -7,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
+#include "support/literal_oracle.h"
 #include "support/watcher_model.h"
 
 namespace {
@@ -46,8 +49,17 @@ class ObserverViewTest : public ::testing::Test {
 
   // Runs Update and returns its queue as lines, after applying it to the
   // watcher model and checking that the model now equals the live source.
+  // The variable messages are also checked against the plain procedure's.
   Lines Update() {
+    bool const fresh = item->notifications.empty();
+    std::vector<std::string> const expected =
+        LiteralVariableStage(VariablesOf(item->observerView.Snapshot()), VariablesOf(*source), bulk,
+                             Id('Z'), item->caseSequence);
     item->observerView.Update();
+    bulk = false;
+    if (fresh) {
+      EXPECT_EQ(VariableLines(item->notifications), expected);
+    }
     std::string error;
     EXPECT_TRUE(model.Apply(item->notifications, &error)) << error;
     EXPECT_TRUE(model.Matches(*source, &error)) << error;
@@ -59,12 +71,27 @@ class ObserverViewTest : public ::testing::Test {
     item->ClearNotifications();
     return lines;
   }
+  // Makes the live list the given identifiers, each with its definition in
+  // `defs` (made for a new one).
+  void LiveIds(std::vector<uint32_t> const& serials) {
+    source->DeleteVariables(0, static_cast<int>(source->ColumnCount()) - 1);
+    for (uint32_t serial : serials) {
+      auto at = wide.emplace(serial, QUOR_Variable(LocallyUniqueID(1, serial), "v")).first;
+      source->MakeVariable(at->second, nullptr);
+    }
+  }
+  void BulkNext() {
+    item->observerView.BulkVarMoves(true);
+    bulk = true;
+  }
   void Start(std::string const& letters) {
     Live(letters);
     Update();
   }
 
   std::map<char, QUOR_Variable> defs;
+  std::map<uint32_t, QUOR_Variable> wide;
+  bool bulk = false;
   TestSource* source = new TestSource;  // owned by the item
   SvrDMItemPtr item{new SvrDMItem(Id('Z'), source, nullptr, 5, "", true)};
   WatcherModel model;
@@ -106,7 +133,7 @@ TEST_F(ObserverViewTest, ChangedDefinitionsGoOutAsModifiesOrInBulk) {
   source->SetDirty(false);
   defs.at('B').SetName("renamed");
   Live("DBCA");
-  item->observerView.BulkVarMoves(true);
+  BulkNext();
   EXPECT_EQ(Update(),
             (Lines{"Delete [B,C,D,A]", "Insert [D,B,C,A] before none", "Modified false"}));
   EXPECT_FALSE(source->IsDirty());  // the bulk path leaves the live flag alone
@@ -228,6 +255,78 @@ TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
   EXPECT_EQ(Take(), Lines{});
   source->claimedSplit = -1;
   EXPECT_EQ(Update(), Lines{});
+}
+
+// Reorders wide enough to leave the walk for the index, and narrow ones that
+// stay on it, give the plain procedure's messages (checked in Update).
+TEST_F(ObserverViewTest, WideReordersGiveThePlainProceduresMessages) {
+  std::mt19937 random(7);
+  for (uint32_t n : {5u, 40u, 300u}) {
+    std::vector<uint32_t> ids(n);
+    for (uint32_t i = 0; i < n; ++i) ids[i] = i + 1;
+    auto shapes = std::vector<std::vector<uint32_t>>{ids};
+    shapes.emplace_back(ids.rbegin(), ids.rend());
+    std::vector<uint32_t> rotated = ids;
+    std::rotate(rotated.begin(), rotated.begin() + 1, rotated.end());
+    shapes.push_back(rotated);
+    std::rotate(rotated.rbegin(), rotated.rbegin() + 2, rotated.rend());
+    shapes.push_back(rotated);
+    for (int round = 0; round < 6; ++round) {
+      std::vector<uint32_t> shuffled = shapes.back();
+      std::shuffle(shuffled.begin(), shuffled.end(), random);
+      // Some go, some come, some change their definition.
+      shuffled.erase(std::remove_if(shuffled.begin(), shuffled.end(),
+                                    [&](uint32_t) { return random() % 8 == 0; }),
+                     shuffled.end());
+      for (uint32_t k = 0; k < n / 8 + 1; ++k)
+        shuffled.insert(shuffled.begin() + random() % (shuffled.size() + 1),
+                        1000 + 100 * n + k + 10 * round * n);
+      for (uint32_t serial : shuffled) {
+        if (random() % 16 == 0 && wide.count(serial) != 0)
+          wide.at(serial).SetType(static_cast<int>(random() % 3));
+      }
+      shapes.push_back(shuffled);
+    }
+    for (std::size_t shape = 0; shape < shapes.size(); ++shape) {
+      SCOPED_TRACE("n " + std::to_string(n) + ", shape " + std::to_string(shape));
+      LiveIds(shapes[shape]);
+      if (shape % 5 == 4) BulkNext();
+      Update();
+    }
+  }
+}
+
+// An identifier twice in the live list is refused on both paths, however
+// the rest changed, with the snapshot and the queue left as they were.
+TEST_F(ObserverViewTest, DuplicateIdentifiersAreRefusedBeforeAnythingChanges) {
+  std::vector<uint32_t> ids(200);
+  for (uint32_t i = 0; i < 200; ++i) ids[i] = i + 1;
+  LiveIds(ids);
+  Update();
+  std::vector<uint32_t> reversed(ids.rbegin(), ids.rend());
+  std::vector<std::vector<uint32_t>> const duplicated = {
+      {1, 2, 3, 1},                    // a settled one again, walked
+      {1, 2, 999, 4, 999},             // a new one twice, walked
+      {1, 2, 3, 4, 5, 6, 7, 8, 9, 3},  // at the end of a long tail
+      [&] {                            // a wide reorder, indexed
+        std::vector<uint32_t> r = reversed;
+        r.push_back(150);
+        return r;
+      }(),
+  };
+  for (bool bulkPath : {false, true}) {
+    for (std::vector<uint32_t> const& live : duplicated) {
+      LiveIds(live);
+      std::vector<QUOR_Variable> const before = VariablesOf(item->observerView.Snapshot());
+      item->observerView.BulkVarMoves(bulkPath);
+      EXPECT_THROW(item->observerView.Update(), std::invalid_argument);
+      EXPECT_TRUE(item->notifications.empty());
+      EXPECT_TRUE(VariablesOf(item->observerView.Snapshot()) == before);
+    }
+  }
+  item->observerView.BulkVarMoves(false);
+  LiveIds(reversed);
+  Update();
 }
 
 }  // namespace

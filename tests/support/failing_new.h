@@ -15,6 +15,18 @@ void Disarm();
 long Counted();  // since Arm, failed ones included
 long Failed();
 std::size_t LargestRequest();
+// Holds off counting and failing on this thread for its lifetime: for work
+// that belongs to the test, such as a client applying what it was shown.
+class Pause {
+ public:
+  Pause();
+  ~Pause();
+  Pause(Pause const&) = delete;
+  Pause& operator=(Pause const&) = delete;
+
+ private:
+  bool armed_;
+};
 // Blocks of the global operator new not yet given back, in the whole process.
 long LiveBlocks();
 }  // namespace failing_new
