@@ -1,15 +1,26 @@
 // Reads its input as a script of dictionary edits and ends of write access
 // on one dataset. After every access the watcher's model, built only from
-// the messages it was shown, must equal the live dictionary, and an access
-// that changes nothing must show it nothing.
+// the messages it was shown, must equal the live dictionary; the variable
+// messages of a pass must be those of the plain procedure; and an access
+// that changes nothing must show it nothing. Where the build can replace
+// operator new, the script may also make the end of an access fail at one
+// of its allocations (or from one on): the next access must then bring the
+// watcher to the live dictionary all the same.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <new>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ServerDataManager.h"
+#include "support/literal_oracle.h"
 #include "support/watcher_model.h"
+#ifdef SDM_FAULTS
+#include "support/failing_new.h"
+#endif
 
 namespace {
 
@@ -26,22 +37,39 @@ class Script {
   size_t at_ = 0;
 };
 
+[[noreturn]] void Finding(char const* what, std::string const& detail,
+                          std::vector<DataSetMsg*> const& queue) {
+  std::fprintf(stderr, "%s: %s\n", what, detail.c_str());
+  for (std::string const& line : DescribeQueue(queue)) std::fprintf(stderr, "  %s\n", line.c_str());
+  std::abort();
+}
+
+#ifdef SDM_FAULTS
+using HoldFaults = failing_new::Pause;
+#else
+struct HoldFaults {};
+#endif
+
 class CheckingWatcher : public SvrDMDataSetObserver {
  public:
   void DataSetChanged(SvrDMWriteableDataSource const* access) override {
+    HoldFaults hold;  // the watcher's own copies are not the library's
     ++passes;
+    std::vector<DataSetMsg*> const& queue = access->GetNotifications();
+    if (checkVariables && VariableLines(queue) != expected) {
+      std::string detail;
+      for (std::string const& line : expected) detail += "\n  expected " + line;
+      Finding("variable messages differ from the plain procedure's", detail, queue);
+    }
     std::string error;
-    if (!model.Apply(access->GetNotifications(), &error) ||
-        !model.Matches(*access->GetDataSource(), &error)) {
-      std::fprintf(stderr, "watcher diverged: %s\n", error.c_str());
-      for (std::string const& line : DescribeQueue(access->GetNotifications())) {
-        std::fprintf(stderr, "  %s\n", line.c_str());
-      }
-      std::abort();
+    if (!model.Apply(queue, &error) || !model.Matches(*access->GetDataSource(), &error)) {
+      Finding("watcher diverged", error, queue);
     }
   }
   WatcherModel model;
   int passes = 0;
+  bool checkVariables = false;
+  std::vector<std::string> expected;
 };
 
 void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
@@ -138,22 +166,53 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
   Script script(data, size);
   ServerDataManager registry;
   LocallyUniqueID const id = registry.Add(*new SystemFileDataSource(), "", true);
+  SvrDMItemPtr const item = registry.GetDataSet(id);
   CheckingWatcher watcher;
   SvrDMDataset(registry, id).Register(watcher);
   uint32_t nextSerial = 0;
   while (!script.Done()) {
-    {
-      SvrDMWriteableDataSource access(registry, id, false, nullptr);
-      // Up to 16 edits, then the access ends and the watcher checks.
-      for (int edits = script.Below(16); edits >= 0 && !script.Done(); --edits)
-        Edit(script, *access, nextSerial);
-      if (script.Below(8) == 0) access.BulkVarMoves();
+    // Ended by delete: the end may throw.
+    auto* access = new SvrDMWriteableDataSource(registry, id, false, nullptr);
+    // Up to 16 edits, then the access ends and the watcher checks.
+    for (int edits = script.Below(16); edits >= 0 && !script.Done(); --edits)
+      Edit(script, **access, nextSerial);
+    bool const bulk = script.Below(8) == 0;
+    if (bulk) access->BulkVarMoves();
+    // A pass that starts from an empty queue queues exactly the plain
+    // procedure's variable messages.
+    watcher.checkVariables = item->notifications.empty();
+    if (watcher.checkVariables) {
+      watcher.expected =
+          LiteralVariableStage(VariablesOf(item->observerView.Snapshot()),
+                               VariablesOf(*item->dataSource), bulk, id, item->caseSequence);
+    }
+    bool failed = false;
+#ifdef SDM_FAULTS
+    bool const fault = script.Below(4) == 0;
+    if (fault) failing_new::Arm(script.Below(96) + 1, script.Below(2) == 1);
+#endif
+    try {
+      delete access;
+    } catch (std::bad_alloc const&) {
+      failed = true;
+    }
+#ifdef SDM_FAULTS
+    if (fault) failing_new::Disarm();
+#endif
+    watcher.checkVariables = false;
+    if (failed) {
+      // The failed pass's messages wait in the queue; this access delivers
+      // them with whatever is still different, and the watcher checks.
+      { SvrDMWriteableDataSource next(registry, id, false, nullptr); }
+      std::string error;
+      if (!watcher.model.Matches(*item->dataSource, &error)) {
+        Finding("watcher diverged after a failed pass", error, item->notifications);
+      }
     }
     int const passes = watcher.passes;
     { SvrDMWriteableDataSource quiet(registry, id, false, nullptr); }
     if (watcher.passes != passes) {
-      std::fprintf(stderr, "an access that changed nothing was shown messages\n");
-      std::abort();
+      Finding("an access that changed nothing was shown messages", "", item->notifications);
     }
   }
   SvrDMDataset(registry, id).Unregister(watcher);
