@@ -9,6 +9,8 @@
 // the benchmark is named after rather than an average with its undoing.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -66,6 +68,7 @@ class SettledDataset {
   }
 
   SvrDMItem& item() { return *item_; }
+  SvrDMItemPtr& pointer() { return item_; }
   QUOR_DataSource& live() { return *live_; }
   int size() const { return static_cast<int>(live_->ColumnCount()); }
 
@@ -171,61 +174,106 @@ void BM_Update_MoveFirstToEnd_Bulk(benchmark::State& state) {
 }
 BENCHMARK(BM_Update_MoveFirstToEnd_Bulk)->Arg(10000)->Unit(benchmark::kMicrosecond);
 
-// The same move on the incremental path: every later variable is found one
-// place up and moved down, one MoveVarsMsg each, and each pass asks whether
-// the moved-away first variable is still live. Quadratic by design; the
-// table shows its growth from 1,000 to 10,000.
-void BM_Update_MoveFirstToEnd_Incremental(benchmark::State& state) {
-  SettledDataset dataset(static_cast<int>(state.range(0)));
+// The end of a write access as a server meets it: Update, one observer told,
+// the queue emptied. Each benchmark edits the live list with the clock
+// stopped, then times the end of one write access.
+class WatchedDataset : public SettledDataset {
+ public:
+  explicit WatchedDataset(int n) : SettledDataset(n), handle_(pointer()) {
+    handle_.Register(observer_);
+  }
+  ~WatchedDataset() { handle_.Unregister(observer_); }
+
+  // Times the end of a write access after `edit`; returns what it queued.
+  template <class Edit>
+  std::size_t TimedEnd(benchmark::State& state, Edit&& edit) {
+    state.PauseTiming();
+    edit(live());
+    auto* access = new SvrDMWriteableDataSource(pointer(), false, nullptr);
+    observer_.seen = 0;
+    state.ResumeTiming();
+    delete access;
+    return observer_.seen;
+  }
+
+ private:
+  struct Observer : SvrDMDataSetObserver {
+    void DataSetChanged(SvrDMWriteableDataSource const* access) override {
+      seen = access->GetNotifications().size();
+    }
+    std::size_t seen = 0;
+  };
+  SvrDMDataset handle_;
+  Observer observer_;
+};
+
+void BM_WriteEnd_NoDifference(benchmark::State& state) {
+  WatchedDataset dataset(static_cast<int>(state.range(0)));
   std::size_t queued = 0;
-  for (auto _ : state) {
-    state.PauseTiming();
-    dataset.MoveFirstToEnd();
-    state.ResumeTiming();
-
-    dataset.item().observerView.Update();
-
-    state.PauseTiming();
-    queued = dataset.item().notifications.size();
-    dataset.item().ClearNotifications();
-    dataset.MoveLastToFront();
-    dataset.item().observerView.BulkVarMoves(true);
-    dataset.Settle();
-    state.ResumeTiming();
-  }
-  if (queued != static_cast<std::size_t>(dataset.size() - 1)) {
-    state.SkipWithError("expected one MoveVarsMsg per variable after the first");
-  }
+  for (auto _ : state) queued += dataset.TimedEnd(state, [](QUOR_DataSource&) {});
+  if (queued != 0) state.SkipWithError("an end found a difference");
 }
-BENCHMARK(BM_Update_MoveFirstToEnd_Incremental)
-    ->Arg(1000)
-    ->Arg(10000)
-    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WriteEnd_NoDifference)->Arg(100000)->Unit(benchmark::kMicrosecond);
 
-// The whole list reversed, on the incremental path: each pass finds its
-// variable at the far end of the view and sweeps the gap of survivors in
-// front of it, asking of each whether it is still live. Quadratic: the
-// table shows the growth from 1,000 to 4,000, 16x for n squared (a sweep
-// that searched the live list for each survivor would be cubic, 64x).
-void BM_Update_Reverse_Incremental(benchmark::State& state) {
-  SettledDataset dataset(static_cast<int>(state.range(0)));
+// Rebuilds the live list in the order `reorder` gives a copy of it.
+template <class Reorder>
+void Reordered(QUOR_DataSource& live, Reorder&& reorder) {
+  std::vector<QUOR_Variable> variables;
+  variables.reserve(live.ColumnCount());
+  for (unsigned i = 0; i < live.ColumnCount(); ++i)
+    variables.push_back(live.GetVariable(static_cast<int>(i)));
+  reorder(variables);
+  live.DeleteVariables(0, static_cast<int>(live.ColumnCount()) - 1);
+  for (QUOR_Variable const& variable : variables) live.MakeVariable(variable, nullptr);
+}
+
+// Every iteration reverses the order the last one left: n - 1 MoveVarsMsg,
+// each variable found at the far end of the unsettled part.
+void BM_WriteEnd_Reverse(benchmark::State& state) {
+  WatchedDataset dataset(static_cast<int>(state.range(0)));
   std::size_t queued = 0;
   for (auto _ : state) {
-    state.PauseTiming();
-    dataset.Reverse();  // the snapshot holds the order of the last Update
-    state.ResumeTiming();
-
-    dataset.item().observerView.Update();
-
-    state.PauseTiming();
-    queued = dataset.item().notifications.size();
-    dataset.item().ClearNotifications();
-    state.ResumeTiming();
+    queued = dataset.TimedEnd(state, [](QUOR_DataSource& live) {
+      Reordered(live, [](std::vector<QUOR_Variable>& v) { std::reverse(v.begin(), v.end()); });
+    });
   }
-  if (queued != static_cast<std::size_t>(dataset.size() - 1)) {
+  if (queued != static_cast<std::size_t>(state.range(0) - 1)) {
     state.SkipWithError("expected one MoveVarsMsg per variable but the last");
   }
 }
-BENCHMARK(BM_Update_Reverse_Incremental)->Arg(1000)->Arg(4000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WriteEnd_Reverse)->Arg(10000)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// The first variable goes to the end: n - 1 MoveVarsMsg, each a gap of one
+// survivor.
+void BM_WriteEnd_Rotate(benchmark::State& state) {
+  WatchedDataset dataset(static_cast<int>(state.range(0)));
+  std::size_t queued = 0;
+  for (auto _ : state) {
+    queued = dataset.TimedEnd(state, [](QUOR_DataSource& live) {
+      Reordered(live, [](std::vector<QUOR_Variable>& v) {
+        std::rotate(v.begin(), v.begin() + 1, v.end());
+      });
+    });
+  }
+  if (queued != static_cast<std::size_t>(state.range(0) - 1)) {
+    state.SkipWithError("expected one MoveVarsMsg per variable after the first");
+  }
+}
+BENCHMARK(BM_WriteEnd_Rotate)->Arg(100000)->Unit(benchmark::kMillisecond);
+
+// A random order each time, from a fixed seed.
+void BM_WriteEnd_Shuffle(benchmark::State& state) {
+  WatchedDataset dataset(static_cast<int>(state.range(0)));
+  std::mt19937 random(20261123);
+  std::size_t queued = 0;
+  for (auto _ : state) {
+    queued = dataset.TimedEnd(state, [&](QUOR_DataSource& live) {
+      Reordered(live,
+                [&](std::vector<QUOR_Variable>& v) { std::shuffle(v.begin(), v.end(), random); });
+    });
+  }
+  if (queued == 0) state.SkipWithError("a shuffle queued nothing");
+}
+BENCHMARK(BM_WriteEnd_Shuffle)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 }  // namespace

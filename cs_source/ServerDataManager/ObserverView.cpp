@@ -178,11 +178,11 @@ struct VariablePlan {
     QUOR_Variable const& now = live.GetVariable(static_cast<int>(i));
     if (now.GetType() != was.GetType()) typeChanged = true;
   }
-  // Ends a pass that found its variable at `position` of the starting list.
-  void Settle(uint32_t i, uint32_t position) {
+  // Ends a pass that found the live variable `now` at `position` of the
+  // starting list, as `was`.
+  void Settle(uint32_t i, QUOR_Variable const& now, uint32_t position, QUOR_Variable const& was) {
     match[i - start] = position;
-    QUOR_Variable const& was = view.GetVariable(static_cast<int>(position));
-    if (!SameVariable(live.GetVariable(static_cast<int>(i)), was)) Modified(i, was);
+    if (!SameVariable(now, was)) Modified(i, was);
   }
   void Insert(uint32_t i, uint32_t firstUnsettled) {
     LocallyUniqueID const before = firstUnsettled < nView ? ViewID(firstUnsettled) : kNoVariable;
@@ -192,8 +192,8 @@ struct VariablePlan {
   }
   void CloseDelete(std::size_t first) {
     if (deleted.size() > first) {
-      steps.push_back(
-          {Kind::kDelete, static_cast<uint32_t>(first), static_cast<uint32_t>(deleted.size() - first)});
+      steps.push_back({Kind::kDelete, static_cast<uint32_t>(first),
+                       static_cast<uint32_t>(deleted.size() - first)});
     }
   }
 
@@ -244,13 +244,18 @@ bool VariablePlan::PlanByWalking() {
   };
 
   for (uint32_t iNew = start; iNew < nLive; ++iNew) {
-    LocallyUniqueID const id = LiveID(iNew);
+    // The plan reads through references: neither list changes while it is
+    // made, and a lookup of a position is a call into the data source.
+    QUOR_Variable const& liveVar = live.GetVariable(static_cast<int>(iNew));
+    LocallyUniqueID const id = liveVar.GetID();
     uint32_t found = first;
     uint32_t ahead = 0;  // unsettled variables in front of `found`
+    QUOR_Variable const* viewVar = nullptr;
     for (; found < nView; ++found) {
       if (++work > budget) return false;
       if (at(found) >= kSettled) continue;
-      if (ViewID(found) == id) break;
+      viewVar = &view.GetVariable(static_cast<int>(found));
+      if (viewVar->GetID() == id) break;
       ++ahead;
     }
     if (found == nView) {
@@ -282,7 +287,7 @@ bool VariablePlan::PlanByWalking() {
       if (ahead > 0) steps.push_back({Kind::kMove, iNew + ahead, iNew});
     }
     markSettled(found);
-    Settle(iNew, found);
+    Settle(iNew, liveVar, found, *viewVar);
   }
   std::size_t const firstDeleted = deleted.size();
   for (uint32_t position = first; position < nView; ++position) {
@@ -293,24 +298,28 @@ bool VariablePlan::PlanByWalking() {
   return true;
 }
 
-// Every variable the walk found nowhere in the snapshot was inserted; an
-// identifier that the live list holds twice shows up as one of them, found
-// once more when the whole list is counted.
+// Every variable the walk found nowhere in the snapshot was inserted, and an
+// identifier that the live list holds twice is always one of them, at its
+// later position: the earlier one was settled by then, so the search from
+// the first unsettled variable could not find it. So only what stands in
+// front of the last insert is compared with the inserted identifiers.
 void VariablePlan::CheckInsertedAreUnique() const {
-  std::vector<uint32_t> words;
+  std::vector<std::pair<uint32_t, uint32_t>> words;  // identifier word, live position
   words.reserve(inserted);
   for (Step const& step : steps) {
-    if (step.kind == Kind::kInsert) words.push_back(LiveID(step.a).ToWord());
+    if (step.kind == Kind::kInsert) words.emplace_back(LiveID(step.a).ToWord(), step.a);
   }
   std::sort(words.begin(), words.end());
-  std::vector<uint8_t> seen(words.size(), 0);
-  for (uint32_t i = 0; i < nLive; ++i) {
+  uint32_t const end =
+      std::max_element(words.begin(), words.end(), [](auto const& x, auto const& y) {
+        return x.second < y.second;
+      })->second;
+  for (uint32_t i = 0; i < end; ++i) {
     uint32_t const word = LiveID(i).ToWord();
-    auto const hit = std::lower_bound(words.begin(), words.end(), word);
-    if (hit == words.end() || *hit != word) continue;
-    // A word inserted twice stands twice in `words`; its count is kept at
-    // the first, so the second occurrence in the live list is refused.
-    if (seen[static_cast<std::size_t>(hit - words.begin())]++ != 0) RefuseDuplicate(LiveID(i), i);
+    auto hit = std::lower_bound(words.begin(), words.end(), std::make_pair(word, 0u));
+    for (; hit != words.end() && hit->first == word; ++hit) {
+      if (hit->second != i) RefuseDuplicate(LiveID(hit->second), hit->second);
+    }
   }
 }
 
@@ -375,7 +384,8 @@ void VariablePlan::PlanByIndex() {
       if (ahead > 0) steps.push_back({Kind::kMove, iNew + ahead, iNew});
     }
     markSettled(position);
-    Settle(iNew, position);
+    Settle(iNew, live.GetVariable(static_cast<int>(iNew)), position,
+           view.GetVariable(static_cast<int>(position)));
   }
   std::size_t const firstDeleted = deleted.size();
   deleted.insert(deleted.end(), gone.begin() + static_cast<std::ptrdiff_t>(nextGone), gone.end());
@@ -590,17 +600,19 @@ void SvrDMObserverView::Data::CommitVariables(QUOR_DataSource& live, VariablePla
     uint32_t const kDone = VariablePlan::kNew;
     for (uint32_t cycle = 0; cycle < from.size(); ++cycle) {
       if (from[cycle] == kDone || from[cycle] == start + cycle) continue;
-      QUOR_Variable held = std::move(view.GetVariable(static_cast<int>(start + cycle)));
+      QUOR_Variable* slot = &view.GetVariable(static_cast<int>(start + cycle));
+      QUOR_Variable held = std::move(*slot);
       uint32_t to = cycle;
       for (;;) {
         uint32_t const source = from[to] - start;
         from[to] = kDone;
         if (source == cycle) {
-          view.GetVariable(static_cast<int>(start + to)) = std::move(held);
+          *slot = std::move(held);
           break;
         }
-        view.GetVariable(static_cast<int>(start + to)) =
-            std::move(view.GetVariable(static_cast<int>(start + source)));
+        QUOR_Variable* next = &view.GetVariable(static_cast<int>(start + source));
+        *slot = std::move(*next);
+        slot = next;
         to = source;
       }
     }
