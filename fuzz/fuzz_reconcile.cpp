@@ -47,7 +47,11 @@ class Script {
 #ifdef SDM_FAULTS
 using HoldFaults = failing_new::Pause;
 #else
-struct HoldFaults {};
+// Nothing to hold off where operator new stays the runtime's.
+struct HoldFaults {
+  HoldFaults() {}   // NOLINT(modernize-use-equals-default): user-provided, so
+  ~HoldFaults() {}  // NOLINT(modernize-use-equals-default): never "unused"
+};
 #endif
 
 class CheckingWatcher : public SvrDMDataSetObserver {
