@@ -411,8 +411,10 @@ class DataFreeDataSource : public QUOR_DataSource {
 
 // Implemented by the server: sees each data source on its way into a new
 // dataset and returns the one to use instead (possibly the same). Called
-// under the registry's lock.
-class QUOR_DataSourceFilterHook {
+// under the registry's lock. Visible from every shared object, also one built
+// with hidden visibility, so that the server's hook and the data manager share
+// one type information.
+class __attribute__((visibility("default"))) QUOR_DataSourceFilterHook {
  public:
   virtual QUOR_DataSource* Filter(QUOR_DataSource* source) = 0;
   virtual ~QUOR_DataSourceFilterHook() = default;

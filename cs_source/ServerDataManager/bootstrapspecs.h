@@ -8,11 +8,13 @@
 #include <utility>
 #include <vector>
 
+#include "sdmexport.h"
+
 // How a bootstrap run on a dataset is to be done: sampling, variable roles,
 // confidence interval, sample count, user-missing values. A plain value
 // record with no invariant; an item that is handed one owns it. One thread at
 // a time.
-class SvrBootstrapSpecs {
+class SDM_EXPORT SvrBootstrapSpecs {
  public:
   // Stored 32 bits wide; any other integer may stand in them and is kept.
   enum SampMethods : int32_t { Simple = 0, Stratified = 1, Residual = 2, Wild = 3 };
@@ -91,7 +93,7 @@ class SvrBootstrapSpecs {
 // 8-byte double then a 32-bit unsigned), the level as an 8-byte double, the
 // interval type, the sample count, and one byte for excluding user-missing
 // values. A default record is 55 bytes.
-class SvrBootstrapSpecsSerializer {
+class SDM_EXPORT SvrBootstrapSpecsSerializer {
  public:
   SvrBootstrapSpecsSerializer() = delete;
 

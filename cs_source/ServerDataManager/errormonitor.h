@@ -9,13 +9,14 @@
 
 #include "clientchannel.h"
 #include "platform.h"
+#include "sdmexport.h"
 #include "serialization.h"
 
 // The exception of the library, thrown by value: a code and a text. Code
 // 2001 with an empty text means an unknown dataset identifier. It can also
 // cross a channel as "DEMessages::ErrorMsg"; a Clone comes from VUGlobal.
 // A plain value: one thread at a time.
-class ErrorMsg : public VSerializable {
+class SDM_EXPORT ErrorMsg : public VSerializable {
  public:
   // An empty message with code 0, the shape a channel reads one into.
   ErrorMsg() : code(0) {}
@@ -44,7 +45,7 @@ class ErrorMsg : public VSerializable {
 // One error or warning of a dataset on its way to the client, sent as
 // "QuorMessages::ReportedErrorMsg". Built on the stack by the monitor; a
 // Clone comes from VUGlobal. One thread at a time.
-class ReportedErrorMsg : public VSerializable {
+class SDM_EXPORT ReportedErrorMsg : public VSerializable {
  public:
   // Empty text, severity 1, detail 0 and no dataset: the shape a channel
   // reads one into.
@@ -78,7 +79,7 @@ class ReportedErrorMsg : public VSerializable {
 // The client's answer to a ReportedErrorMsg, sent as
 // "QuorMessages::ReportedErrorMsgResponse". The data manager reads nothing
 // from it. One thread at a time.
-class ReportedErrorMsgResponse : public VSerializable {
+class SDM_EXPORT ReportedErrorMsgResponse : public VSerializable {
  public:
   // `reply` starts at 0.
   ReportedErrorMsgResponse() : reply(0) {}
@@ -110,7 +111,7 @@ class ErrorMonitor {
 // warnings too while `reportWarnings` is on. The proxy is borrowed, never
 // owned: whoever installs it keeps it alive. Takes no lock: callers order
 // changes to the monitor against reports on other threads.
-class InteractiveErrorMonitor : public ErrorMonitor {
+class SDM_EXPORT InteractiveErrorMonitor : public ErrorMonitor {
  public:
   // Warnings start on. A null `proxy` makes every Report a no-op.
   InteractiveErrorMonitor(LocallyUniqueID dataSetID, PackageProxy* proxy);

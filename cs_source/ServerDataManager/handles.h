@@ -11,6 +11,7 @@
 #include "datasource.h"
 #include "platform.h"
 #include "registry.h"  // keeps the process registry alive for this file's statics
+#include "sdmexport.h"
 #include "svrdmitem.h"
 
 class DataSetMsg;
@@ -25,7 +26,7 @@ class SvrBootstrapSpecs;
 // access lock: its accessors read and write the item's plain fields as they
 // stand, and every operation but WindowHidden() needs a handle that holds an
 // item.
-class SvrDMDataset {
+class SDM_EXPORT SvrDMDataset {
  public:
   // `item` may hold no item.
   explicit SvrDMDataset(SvrDMItemPtr const& item);
@@ -90,7 +91,7 @@ class SvrDMDataset {
 // Scoped read access: holds the item's read lock from the end of its
 // constructor to its destructor, beside any number of other readers. Also
 // the common last stage of write access. One thread uses an object.
-class SvrDMInputDataSource : public SvrDMDataset {
+class SDM_EXPORT SvrDMInputDataSource : public SvrDMDataset {
  public:
   // `tryOnly` is handed on to the lock; a reader waits in any case. Throws
   // int 55 if the lock cannot be had, ErrorMsg 2001 for an unknown
@@ -119,7 +120,7 @@ class SvrDMInputDataSource : public SvrDMDataset {
 // constructor to its destructor. Its end runs the notify pass while the lock
 // is still held, so the dataset's observers hear of the changes; `observer`
 // is the one left out. One thread uses an object.
-class SvrDMWriteableDataSource : public SvrDMInputDataSource {
+class SDM_EXPORT SvrDMWriteableDataSource : public SvrDMInputDataSource {
  public:
   // With `tryOnly` the constructor makes one try and throws int 55 if the
   // lock is taken; otherwise it waits. An unknown identifier throws
@@ -177,7 +178,7 @@ class SvrDMWriteableDataSource : public SvrDMInputDataSource {
 // ShowParents(true) is in force. No lock of its own: it lives under the
 // access lock of the item that holds it, and MakeIterator, which writes the
 // parent link, must not run on one clone from two threads at once.
-class SvrDMCloneDataSource : public QUOR_DataSource {
+class SDM_EXPORT SvrDMCloneDataSource : public QUOR_DataSource {
  public:
   // Takes ownership of `source` and its chain (also through the const), and
   // starts with a copy of its dictionary. `source` must not be null.

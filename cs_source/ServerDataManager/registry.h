@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform.h"
+#include "sdmexport.h"
 #include "svrdmitem.h"
 
 class QUOR_DataSource;
@@ -16,7 +17,7 @@ class SvrDMDataset;
 // Implemented by the server: hears datasets come into being and go. Called
 // with the registry's lock held; DataSetCreated may unregister its own
 // observer, DataSetDeleted must leave the list alone.
-class ServerDataManagerObserver {
+class SDM_EXPORT ServerDataManagerObserver {
  public:
   virtual ~ServerDataManagerObserver() = default;
   virtual void DataSetCreated(LocallyUniqueID const& id, std::string const& fileName) = 0;
@@ -29,7 +30,7 @@ class ServerDataManagerObserver {
 // operation may be called from any thread; one recursive lock guards the
 // table and the observers. Items point back to their registry, so a registry
 // other than the process one must outlive every handle on its datasets.
-class ServerDataManager {
+class SDM_EXPORT ServerDataManager {
  public:
   // The process-wide instance. It exists before main runs and ends after
   // the static objects of every file that includes this header: such an
@@ -101,7 +102,7 @@ class ServerDataManager {
 // file that includes this header may use it, from its constructor or from its
 // destructor. Each such file holds one of these ahead of its own objects: the
 // first to be built builds the instance, the last to end ends it.
-class SvrDMRegistryInit {
+class SDM_EXPORT SvrDMRegistryInit {
  public:
   SvrDMRegistryInit();
   ~SvrDMRegistryInit();

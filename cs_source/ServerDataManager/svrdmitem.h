@@ -14,6 +14,7 @@
 #include "RefCountPtr.h"
 #include "errormonitor.h"
 #include "platform.h"
+#include "sdmexport.h"
 #include "threads.h"
 
 class DataSetMsg;
@@ -27,7 +28,7 @@ class SvrDMWriteableDataSource;
 // writer's thread under its write lock and the item's observerMutex, so it
 // must neither register nor unregister on the same item, nor ask for access
 // of its own to it; it reads the queue through `source`. Not owned.
-class SvrDMDataSetObserver {
+class SDM_EXPORT SvrDMDataSetObserver {
  public:
   virtual void DataSetChanged(SvrDMWriteableDataSource const* source) = 0;
   virtual ~SvrDMDataSetObserver() = default;
@@ -38,7 +39,7 @@ class SvrDMDataSetObserver {
 // bootstrap specs. Shared through SvrDMItemPtr; the access classes
 // read and write the fields directly. Each group of fields has its own lock
 // rule, noted beside it: no single lock covers the record.
-class SvrDMItem : public QUOR_RefCntObject {
+class SDM_EXPORT SvrDMItem : public QUOR_RefCntObject {
  public:
   // Called by the registry alone. Takes ownership of `dataSource` and its
   // whole parent chain.

@@ -1,0 +1,27 @@
+// What the module test and its module share: a record that the module fills
+// in and the name and type of its entry point. Nothing of the data manager,
+// so that the test binary never maps the library itself.
+#ifndef SDM_TESTS_MODULE_REGISTRY_MODULE_H
+#define SDM_TESTS_MODULE_REGISTRY_MODULE_H
+
+#include <cstdint>
+
+// Owned by the test; the module writes to it until it is unloaded.
+struct RegistryModuleProbe {
+  // The identifier that the module's static object got from the registry.
+  uint32_t staticDatasetID = 0xFFFFFFFFu;
+  // Notices heard by the module's registry observer.
+  int createdNotices = 0;
+  int deletedNotices = 0;
+  // Data sources of the module's dataset that have been destroyed.
+  int sourcesDeleted = 0;
+  // The datasets that the static object's destructor found; -1 before it ran.
+  int datasetsAtStaticEnd = -1;
+};
+
+// Adds a dataset over the data file `path` (a chain of two sources) after
+// registering a registry observer, and returns the dataset's identifier.
+typedef uint32_t (*RegistryModuleStart)(char const* path, RegistryModuleProbe* probe);
+#define SDM_REGISTRY_MODULE_START "SdmRegistryModuleStart"
+
+#endif  // SDM_TESTS_MODULE_REGISTRY_MODULE_H
