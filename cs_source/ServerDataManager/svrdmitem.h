@@ -102,19 +102,17 @@ class SvrDMItem : public QUOR_RefCntObject {
   void SetDataSet(QUOR_DataSource* newSource);
 
   // --- Access lock. Called only by the access objects: one Acquire from
-  // the constructor, one ReleaseLock from the end of the same object, in the
-  // same thread. The lock stays held between the two calls, which the
-  // analysis cannot follow.
+  // the constructor, and one ReleaseLock from the end of the same object in
+  // the same thread if, and only if, the Acquire returned true. The access
+  // object remembers what it holds; the item keeps no record of it.
 
   // Waits for the read lock, whatever `tryOnly` says, and returns true.
-  bool AcquireReadLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS;
+  bool AcquireReadLock(bool tryOnly) SDM_TRY_ACQUIRE_SHARED(true, accessMutex);
   // Waits for the write lock, or with `tryOnly` makes one try and returns
-  // false if the lock is taken.
-  bool AcquireWriteLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS;
-  // Gives back the lock the calling thread holds. The release that follows a
-  // failed try (or an Acquire that threw) in the same thread leaves the lock
-  // alone, so the real holder keeps it.
-  void ReleaseLock() SDM_NO_THREAD_SAFETY_ANALYSIS;
+  // false if the lock is taken; the mutex is then as it was.
+  bool AcquireWriteLock(bool tryOnly) SDM_TRY_ACQUIRE(true, accessMutex);
+  // Gives back the read or write lock that the calling thread holds.
+  void ReleaseLock() SDM_RELEASE_GENERIC(accessMutex);
 
   // --- Notification queue and dataset observers.
 
@@ -184,9 +182,9 @@ class SvrDMItem : public QUOR_RefCntObject {
 
   uint32_t originator = 0;
   bool announce = true;
-  // Set when a try for the write lock fails, cleared by the release that
-  // belongs to it. A hint only: tries may fail on several threads at once,
-  // so ReleaseLock decides on what the failing thread itself remembers.
+  // Set by every failed try for the write lock and never cleared: it tells
+  // that one has failed, nothing more, and nothing in the library reads it.
+  // Atomic because tries fail on several threads at once.
   std::atomic<bool> writeLockFailed{false};
   bool windowFront = false;
   bool windowMinimized = true;
