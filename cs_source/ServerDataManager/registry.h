@@ -88,12 +88,6 @@ class ServerDataManager {
   struct Data;
 
  private:
-  LocallyUniqueID NextID();
-  void AddItem(QUOR_DataSource* dataSource, std::string const& fileName, bool hasPassword,
-               std::string const& password, bool passwordMangled, bool silent, LocallyUniqueID id,
-               unsigned int caseSequence);
-  void RemoveAt(std::size_t index);
-
   std::unique_ptr<Data> data_;
 };
 
