@@ -199,15 +199,7 @@ void SvrDMWriteableDataSource::Originator(unsigned int value) {
 
 // --- The clone data source. ---
 
-SvrDMCloneDataSource::Data::~Data() {
-  // A source never deletes its parent: read the link, then delete.
-  QUOR_DataSource const* current = source;
-  while (current != nullptr) {
-    QUOR_DataSource const* parent = current->GetParentSource();
-    delete current;
-    current = parent;
-  }
-}
+SvrDMCloneDataSource::Data::~Data() { SvrDMDeleteChain(source); }
 
 SvrDMCloneDataSource::SvrDMCloneDataSource(QUOR_DataSource const* source)
     : QUOR_DataSource(nullptr), data(nullptr) {

@@ -64,17 +64,11 @@ namespace {
 // Holds a data-source chain handed to Add until an item has taken it. The
 // caller of Add has given the chain up, so an Add that fails before the item
 // exists (the allocator, an observer of the replaced dataset) deletes the
-// chain here rather than losing it. Each parent is read before its child goes.
+// chain here rather than losing it.
 class HandedChain {
  public:
   explicit HandedChain(QUOR_DataSource* head) : head_(head) {}
-  ~HandedChain() {
-    while (head_ != nullptr) {
-      QUOR_DataSource* parent = head_->GetParentSource();
-      delete head_;
-      head_ = parent;
-    }
-  }
+  ~HandedChain() { SvrDMDeleteChain(head_); }
   HandedChain(HandedChain const&) = delete;
   HandedChain& operator=(HandedChain const&) = delete;
 

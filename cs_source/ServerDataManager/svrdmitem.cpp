@@ -74,16 +74,20 @@ void SvrDMItem::ClearNotifications() {
   notifications.clear();
 }
 
-void SvrDMItem::DeleteDataSource() {
+void SvrDMDeleteChain(QUOR_DataSource const* head, QUOR_DataSource const* stop) {
   // A source never deletes its parent, and a child's destructor may still
   // look at it: read the link first, then delete, then move on.
-  QUOR_DataSource* current = dataSource;
-  dataSource = nullptr;
-  while (current != nullptr) {
-    QUOR_DataSource* parent = current->GetParentSource();
-    delete current;
-    current = parent;
+  while (head != stop && head != nullptr) {
+    QUOR_DataSource const* parent = head->GetParentSource();
+    delete head;
+    head = parent;
   }
+}
+
+void SvrDMItem::DeleteDataSource() {
+  QUOR_DataSource* const head = dataSource;
+  dataSource = nullptr;
+  SvrDMDeleteChain(head);
 }
 
 namespace {
@@ -112,13 +116,7 @@ void SvrDMItem::SetDataSet(QUOR_DataSource* newSource) {
       deleteOld = true;
     }
   }
-  if (deleteOld) {
-    for (QUOR_DataSource* current = old; current != stop;) {
-      QUOR_DataSource* parent = current->GetParentSource();
-      delete current;
-      current = parent;
-    }
-  }
+  if (deleteOld) SvrDMDeleteChain(old, stop);
 
   // The file goes before the head changes, and is held again after it: a
   // replaced source may have reopened or renamed it.

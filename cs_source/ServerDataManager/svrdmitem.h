@@ -195,6 +195,11 @@ class SvrDMItem : public QUOR_RefCntObject {
 
 typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
 
+// Deletes the chain of data sources from `head` up, head first, each
+// parent read before its child goes, and stops at `stop` (kept) or at the
+// chain's end. A null `head` deletes nothing.
+void SvrDMDeleteChain(QUOR_DataSource const* head, QUOR_DataSource const* stop = nullptr);
+
 // Reports a broken internal invariant in the usual assertion form and stops
 // the process. Unlike assert() it stays in release builds: what it guards
 // cannot be reached by input, only by a broken library underneath.
