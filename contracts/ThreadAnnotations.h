@@ -17,6 +17,7 @@
 #define SDM_ACQUIRE(...) SDM_THREAD_ATTR(acquire_capability(__VA_ARGS__))
 #define SDM_ACQUIRE_SHARED(...) SDM_THREAD_ATTR(acquire_shared_capability(__VA_ARGS__))
 #define SDM_TRY_ACQUIRE(...) SDM_THREAD_ATTR(try_acquire_capability(__VA_ARGS__))
+#define SDM_TRY_ACQUIRE_SHARED(...) SDM_THREAD_ATTR(try_acquire_shared_capability(__VA_ARGS__))
 #define SDM_RELEASE(...) SDM_THREAD_ATTR(release_capability(__VA_ARGS__))
 #define SDM_RELEASE_GENERIC(...) SDM_THREAD_ATTR(release_generic_capability(__VA_ARGS__))
 #define SDM_REQUIRES(...) SDM_THREAD_ATTR(requires_capability(__VA_ARGS__))

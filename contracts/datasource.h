@@ -214,20 +214,28 @@ class PassThroughIter : public ObsIterator {
 // needs the caller's exclusive access.
 class QUOR_DataSource {
  public:
+  // The types of the extensions that reach clients. The source's own
+  // record is also the one record number that Extension reads.
   enum ExtensionType : int {
-    kExtensionRecord = 0,
-    kExtensionVariableSets = 5,
-    kExtensionMRSets = 7,
-    kExtensionAttributes = 17,
-    kExtensionMRSetsSecond = 19,
+    kExtensionRecord = 0,         // the source's extension record 0, as it stands
+    kExtensionVariableSets = 5,   // MakeExtension over kVariableSetsOfSource
+    kExtensionMRSets = 7,         // MakeExtension over kMRSetsOfSource
+    kExtensionAttributes = 17,    // DatasourceAttributes::MakeString
+    kExtensionMRSetsSecond = 19,  // the MR sets again, in a second extension
   };
+  // The version of the extension records made here and by the data manager.
+  static constexpr int kExtensionVersion = 1;
+  // The most split variables a dictionary holds.
+  static constexpr unsigned int kMaxSplitVars = 8;
 
   // The extension data of a source (record 0), shared by reference count.
   class Extension {
    public:
-    // Captures the extension record of `source`; `record` must be 0.
+    // Captures the extension record of `source`; `record` must be
+    // kExtensionRecord.
     Extension(QUOR_DataSource const& source, int record);
-    // A record of the given type holding a copy of `payload`.
+    // A record of the given type and kExtensionVersion holding a copy of
+    // `payload`.
     Extension(int type, std::string const& payload);
     ~Extension() = default;
 
@@ -330,8 +338,6 @@ class QUOR_DataSource {
   void SetExtension(Extension const& extension) { dict_.extension = extension.Get(); }
 
  private:
-  static constexpr unsigned int kMaxSplitVars = 8;
-
   // Everything CopyDictionary copies.
   struct Dictionary {
     std::vector<QUOR_Variable> variables;

@@ -63,7 +63,11 @@ class Output {
   std::string section_;
 };
 
-std::string Word(LocallyUniqueID id) { return id.IsNone() ? "none" : std::to_string(id.ToWord()); }
+// An identifier as the messages print it: group:serial, or "none".
+std::string Word(LocallyUniqueID id) {
+  if (id.IsNone()) return "none";
+  return std::to_string(id.group) + ":" + std::to_string(id.serial);
+}
 
 // A client's copy of the dictionary, kept only from the messages it is sent.
 struct ClientCopy {

@@ -267,7 +267,8 @@ bool QUOR_DataSource::GetSplitqSeparate() const { return dict_.splitSeparate; }
 void QUOR_DataSource::SetSplit(unsigned int count, int const* positions, bool separate) {
   if (count > kMaxSplitVars) {
     throw std::invalid_argument("SetSplit: " + std::to_string(count) +
-                                " split variables, at most 8 are allowed");
+                                " split variables, at most " + std::to_string(kMaxSplitVars) +
+                                " are allowed");
   }
   std::vector<LocallyUniqueID> ids;
   ids.reserve(count);
@@ -285,15 +286,16 @@ void QUOR_DataSource::SetLabel(char const* label) {
 }
 
 QUOR_DataSource::Extension::Extension(QUOR_DataSource const& source, int record) {
-  if (record != 0) {
+  if (record != kExtensionRecord) {
     throw std::invalid_argument("Extension: record " + std::to_string(record) +
-                                " does not exist, only record 0");
+                                " does not exist, only record " + std::to_string(kExtensionRecord));
   }
   impl_ = source.dict_.extension;
 }
 
 QUOR_DataSource::Extension::Extension(int type, std::string const& payload)
-    : impl_(new QUOR_ExtensionImpl(type, 1, static_cast<long>(payload.size()), payload.data())) {}
+    : impl_(new QUOR_ExtensionImpl(type, kExtensionVersion, static_cast<long>(payload.size()),
+                                   payload.data())) {}
 
 bool operator==(QUOR_DataSource::Extension const& a, QUOR_DataSource::Extension const& b) {
   RefCountPtr<QUOR_ExtensionImpl> const& x = a.Get();
@@ -316,8 +318,9 @@ std::vector<VariableSet> VariableSets(QUOR_DataSource const& source, VarSetsType
     stored = source.GetMRSets();
   } else {
     throw std::invalid_argument("VariableSets: selector " +
-                                std::to_string(static_cast<int>(which)) +
-                                " is neither 0 (variable sets) nor 1 (MR sets)");
+                                std::to_string(static_cast<int>(which)) + " is neither " +
+                                std::to_string(kVariableSetsOfSource) + " (variable sets) nor " +
+                                std::to_string(kMRSetsOfSource) + " (MR sets)");
   }
   std::vector<VariableSet> sets;
   sets.reserve(stored.size());

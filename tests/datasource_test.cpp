@@ -124,14 +124,15 @@ TEST(PropertiesTest, LabelMayBeNullFileSpecNeverIsAndAttributesEscape) {
 
 TEST(ExtensionTest, RecordsCompareByTypeAndBytes) {
   using Ext = QUOR_DataSource::Extension;
+  constexpr int kRecord = QUOR_DataSource::kExtensionRecord;
   std::string const payload("p\0q", 3);
   DataFreeDataSource source;
-  EXPECT_TRUE(Ext(source, 0) == Ext(DataFreeDataSource(), 0));
-  source.SetExtension(Ext(0, payload));
-  EXPECT_TRUE(Ext(source, 0) == Ext(0, payload));
-  EXPECT_FALSE(Ext(source, 0) == Ext(1, payload));
-  EXPECT_FALSE(Ext(source, 0) == Ext(0, "p"));
-  EXPECT_FALSE(Ext(DataFreeDataSource(), 0) == Ext(source, 0));
+  EXPECT_TRUE(Ext(source, kRecord) == Ext(DataFreeDataSource(), kRecord));
+  source.SetExtension(Ext(kRecord, payload));
+  EXPECT_TRUE(Ext(source, kRecord) == Ext(kRecord, payload));
+  EXPECT_FALSE(Ext(source, kRecord) == Ext(QUOR_DataSource::kExtensionAttributes, payload));
+  EXPECT_FALSE(Ext(source, kRecord) == Ext(kRecord, "p"));
+  EXPECT_FALSE(Ext(DataFreeDataSource(), kRecord) == Ext(source, kRecord));
 }
 
 TEST(ChainTest, DeletingASourceLeavesItsParentAlive) {

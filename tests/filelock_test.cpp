@@ -36,8 +36,8 @@ class FileLockTest : public ::testing::Test {
   }
 
   ScratchDir dir_;
-  std::string const data_ = dir_.Write("survey.sav", "rows");
-  std::string const upper_ = dir_.PathOf("SURVEY.sav");
+  std::string const data_ = dir_.Write("survey.csv", "rows");
+  std::string const upper_ = dir_.PathOf("SURVEY.csv");
   int const atStart_ = CountOpenDescriptors();
 };
 
@@ -61,7 +61,7 @@ TEST_F(FileLockTest, AnOlderTimeIsAChangeUntilUnlockAndLockTakeItAsTheBase) {
 TEST_F(FileLockTest, TheStreamIsAskedNotTheName) {
   SvrDMItemPtr item = MakeItem(data_);
   // A newer file moved in under the held name is not the file held.
-  std::string const newer = dir_.Write("newer.sav", "other rows");
+  std::string const newer = dir_.Write("newer.csv", "other rows");
   SetModificationTime(newer, kBase + 60);
   ASSERT_EQ(std::rename(newer.c_str(), data_.c_str()), 0);
   EXPECT_FALSE(item->SavFileExternallyChanged());
@@ -73,11 +73,11 @@ TEST_F(FileLockTest, FileNameReopensForACaseChangeAndRetriesAnUnopenableFileLate
   item->FileName(upper_);  // the same file under another name: reopened, new base
   ExpectHold(item, upper_, kBase + 9, 1);
 
-  std::string const later = dir_.PathOf("later.sav");
+  std::string const later = dir_.PathOf("later.csv");
   EXPECT_NO_THROW(item->FileName(later));  // the old file goes all the same
   ExpectHold(item, "", 0, 0);
   EXPECT_FALSE(item->SavFileExternallyChanged());
-  dir_.Write("later.sav", "rows");
+  dir_.Write("later.csv", "rows");
   SetModificationTime(later, kBase + 3);
   item->LockSavFileInUse();
   ExpectHold(item, later, kBase + 3, 1);

@@ -103,7 +103,7 @@ class SnapshotMemoryTest : public ::testing::Test {
                            nullptr);
     }
     source->SetLabel("a survey");
-    source->SetFileSpec("survey.sav");
+    source->SetFileSpec("survey.csv");
     source->SetWeightVar(kVariables - 1);
     source->SetFilterVar(kVariables / 2);
     int const split[] = {3, 1};
@@ -112,7 +112,8 @@ class SnapshotMemoryTest : public ::testing::Test {
     DatasourceAttributes attributes;
     attributes.Set("origin", "interview");
     source->SetAttributes(attributes);
-    source->SetExtension(QUOR_DataSource::Extension(0, "record zero"));
+    source->SetExtension(
+        QUOR_DataSource::Extension(QUOR_DataSource::kExtensionRecord, "record zero"));
     item = new SvrDMItem(LocallyUniqueID(0, 1), source, nullptr, 0, "", true);
   }
 

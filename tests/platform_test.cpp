@@ -102,8 +102,8 @@ TEST(SfMutexRWTest, ReadersShareWritersExcludeUnderContention) {
 }
 
 TEST(PlatformTest, CaseBlindNamesAndDates) {
-  EXPECT_EQ(QUORMBstricmp_A("Data.SAV", "data.sav"), 0);
-  EXPECT_NE(QUORMBstricmp_A("data", "data.sav"), 0);
+  EXPECT_EQ(QUORMBstricmp_A("Data.CSV", "data.csv"), 0);
+  EXPECT_NE(QUORMBstricmp_A("data", "data.csv"), 0);
   double value = -1;
   EXPECT_EQ(iDMY2Quor(1, 1, 1970, 0, 0, 0.0, &value), 0);
   EXPECT_EQ(value, 0.0);

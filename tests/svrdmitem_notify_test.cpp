@@ -75,10 +75,7 @@ TEST_F(NotifyTest, WriteAccessCountsOneWriterAndNoReaderAndHoldsTheLockUntilObse
   a_.onChanged = [&](SvrDMWriteableDataSource const* source) {
     EXPECT_EQ(source->WritersCount(), 1);
     EXPECT_EQ(source->ReadersCount(), 0);
-    std::thread([&] {
-      lockWasFree = item_->AcquireWriteLock(true);
-      item_->ReleaseLock();
-    }).join();
+    std::thread([&] { lockWasFree = TryWrite(item_) == 0; }).join();
   };
   item_->Register(a_);
   {

@@ -1,5 +1,6 @@
 #include "handles.h"
 
+#include <atomic>
 #include <exception>
 
 #include "registry.h"
@@ -65,37 +66,53 @@ namespace {
 constexpr int kLockNotAvailable = 55;
 }  // namespace
 
-SvrDMInputDataSource::SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly) : SvrDMDataset(item) {
-  // If this throws, only the handle part is destroyed: no release runs for a
-  // lock that was never taken, and no counter has moved.
+// The lock stays held when this returns: the object's end releases it.
+// Inline in each read constructor: a read access is meant to cost little
+// more than the lock itself.
+inline void SvrDMInputDataSource::TakeReadLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS {
+  // If this throws, only the handle part is destroyed: this object's end
+  // does not run, and nothing has been taken or counted.
   if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
+  held_ = Held::kRead;
   // Counted once held: a reader still waiting is not a reader yet.
-  ++item_->readersCount;
+  item_->readersCount.fetch_add(1, std::memory_order_relaxed);
+}
+
+SvrDMInputDataSource::SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly) : SvrDMDataset(item) {
+  TakeReadLock(tryOnly);
 }
 
 SvrDMInputDataSource::SvrDMInputDataSource(LocallyUniqueID id, bool tryOnly) : SvrDMDataset(id) {
-  if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
-  ++item_->readersCount;
+  TakeReadLock(tryOnly);
 }
 
 SvrDMInputDataSource::SvrDMInputDataSource(ServerDataManager& manager, LocallyUniqueID id,
                                            bool tryOnly)
     : SvrDMDataset(manager, id) {
-  if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
-  ++item_->readersCount;
+  TakeReadLock(tryOnly);
 }
 
 SvrDMInputDataSource::SvrDMInputDataSource(char const* /*unused*/, SvrDMItemPtr const& item)
     : SvrDMDataset(item) {
   // A writer counts from the moment it asks for the lock.
-  ++item_->writersCount;
+  item_->writersCount.fetch_add(1, std::memory_order_relaxed);
 }
 
-SvrDMInputDataSource::~SvrDMInputDataSource() noexcept(false) {
-  // If the release throws, the count stays and the handle part still goes.
-  item_->ReleaseLock();
+SvrDMInputDataSource::~SvrDMInputDataSource() noexcept(false) SDM_NO_THREAD_SAFETY_ANALYSIS {
+  if (held_ == Held::kNothing) return;
+  // Counted off while still held, so no thread that takes the lock after
+  // this release can see a count for a holder that has gone. The lock's
+  // release orders the decrement before whatever the next holder reads.
+  std::atomic<int32_t>& count = held_ == Held::kRead ? item_->readersCount : item_->writersCount;
+  count.fetch_sub(1, std::memory_order_relaxed);
+  try {
+    item_->ReleaseLock();
+  } catch (...) {
+    // Not released: the holder still holds, and still counts.
+    count.fetch_add(1, std::memory_order_relaxed);
+    throw;
+  }
   // The handle part still keeps the item alive here; the reference goes last.
-  --item_->readersCount;
 }
 
 QUOR_DataSource* SvrDMInputDataSource::operator->() const { return item_->dataSource; }
@@ -124,37 +141,28 @@ SvrDMWriteableDataSource::SvrDMWriteableDataSource(ServerDataManager& manager, L
   TakeWriteLock(tryOnly);
 }
 
-void SvrDMWriteableDataSource::TakeWriteLock(bool tryOnly) {
-  // A failure here unwinds through the read part's end, which releases and
-  // counts off one reader. The item's lock knows that this thread's release
-  // belongs to a failed try and leaves the holder's lock alone; turning the
-  // writer into a reader first makes the count come out where it started.
+// The lock stays held when this returns: the object's end releases it.
+void SvrDMWriteableDataSource::TakeWriteLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS {
+  // A failure takes back the writer's own count before it leaves, so a
+  // failed attempt leaves no trace; the read part's end then finds nothing
+  // held and gives nothing back.
   bool held = false;
   try {
     held = item_->AcquireWriteLock(tryOnly);
   } catch (...) {
-    CountAsReader();
+    item_->writersCount.fetch_sub(1, std::memory_order_relaxed);
     throw;
   }
   if (!held) {
-    CountAsReader();
+    item_->writersCount.fetch_sub(1, std::memory_order_relaxed);
     throw kLockNotAvailable;
   }
-}
-
-void SvrDMWriteableDataSource::CountAsReader() {
-  ++item_->readersCount;
-  --item_->writersCount;
+  held_ = Held::kWrite;
 }
 
 SvrDMWriteableDataSource::~SvrDMWriteableDataSource() noexcept(false) {
-  // Whatever Notify does, the counters are settled and the read part's end
-  // releases the lock and drops the reference.
-  struct Settle {
-    SvrDMWriteableDataSource* access;
-    ~Settle() { access->CountAsReader(); }
-  } settle{this};
-
+  // Whatever Notify does, the read part's end then counts this writer off
+  // and releases the write lock, and the reference goes.
   try {
     Notify();
   } catch (...) {
@@ -191,15 +199,7 @@ void SvrDMWriteableDataSource::Originator(unsigned int value) {
 
 // --- The clone data source. ---
 
-SvrDMCloneDataSource::Data::~Data() {
-  // A source never deletes its parent: read the link, then delete.
-  QUOR_DataSource const* current = source;
-  while (current != nullptr) {
-    QUOR_DataSource const* parent = current->GetParentSource();
-    delete current;
-    current = parent;
-  }
-}
+SvrDMCloneDataSource::Data::~Data() { SvrDMDeleteChain(source); }
 
 SvrDMCloneDataSource::SvrDMCloneDataSource(QUOR_DataSource const* source)
     : QUOR_DataSource(nullptr), data(nullptr) {

@@ -90,7 +90,8 @@ class SDM_EXPORT SvrDMDataset {
 
 // Scoped read access: holds the item's read lock from the end of its
 // constructor to its destructor, beside any number of other readers. Also
-// the common last stage of write access. One thread uses an object.
+// the common last stage of write access: it records what the object has
+// acquired and its end gives back exactly that. One thread uses an object.
 class SDM_EXPORT SvrDMInputDataSource : public SvrDMDataset {
  public:
   // `tryOnly` is handed on to the lock; a reader waits in any case. Throws
@@ -99,7 +100,9 @@ class SDM_EXPORT SvrDMInputDataSource : public SvrDMDataset {
   SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly);
   SvrDMInputDataSource(LocallyUniqueID id, bool tryOnly);
   SvrDMInputDataSource(ServerDataManager& manager, LocallyUniqueID id, bool tryOnly);
-  // Releases the lock, then drops the reference, which may end the item.
+  // Counts the holder off, releases what it holds, then drops the
+  // reference, which may end the item. If the release throws, the count
+  // stays with the lock.
   ~SvrDMInputDataSource() noexcept(false) override;
 
   SvrDMInputDataSource(SvrDMInputDataSource const&) = delete;
@@ -114,6 +117,14 @@ class SDM_EXPORT SvrDMInputDataSource : public SvrDMDataset {
   // The entry of write access: counts a writer and takes no lock, which the
   // write access asks for itself. The first argument is not read.
   SvrDMInputDataSource(char const* unused, SvrDMItemPtr const& item);
+
+  enum class Held { kNothing, kRead, kWrite };
+  // What this object holds of the item's lock, and so what its end gives
+  // back. Written only by the object's own constructors.
+  Held held_ = Held::kNothing;
+
+ private:
+  void TakeReadLock(bool tryOnly);
 };
 
 // Scoped write access: holds the item's write lock, alone, from its
@@ -130,7 +141,7 @@ class SDM_EXPORT SvrDMWriteableDataSource : public SvrDMInputDataSource {
   SvrDMWriteableDataSource(LocallyUniqueID id, bool tryOnly, SvrDMDataSetObserver* observer);
   SvrDMWriteableDataSource(ServerDataManager& manager, LocallyUniqueID id, bool tryOnly,
                            SvrDMDataSetObserver* observer);
-  // Notifies under the lock, then settles the counters and releases, also
+  // Notifies under the lock, then counts the writer off and releases, also
   // when the notification throws; that exception then goes on, unless the
   // object ends while another exception unwinds, which wins.
   ~SvrDMWriteableDataSource() noexcept(false) override;
@@ -163,9 +174,6 @@ class SDM_EXPORT SvrDMWriteableDataSource : public SvrDMInputDataSource {
 
  private:
   void TakeWriteLock(bool tryOnly);
-  // Turns the counters of a writer into those of a reader, which is what
-  // the read part's end expects to undo.
-  void CountAsReader();
 
   // Set at construction; not owned, may be null.
   SvrDMDataSetObserver* const observer_;

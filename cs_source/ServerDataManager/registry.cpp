@@ -37,10 +37,18 @@ struct ServerDataManager::Data {
     return std::find_if(items.begin(), items.end(), match);
   }
 
-  // Guarded by registryLock.
+  // The steps the public operations share, each run inside the lock the
+  // operation holds.
+  LocallyUniqueID NextID() SDM_REQUIRES(registryLock);
+  void AddItem(QUOR_DataSource* dataSource, std::string const& fileName, bool hasPassword,
+               std::string const& password, bool passwordMangled, bool silent, LocallyUniqueID id,
+               unsigned int caseSequence) SDM_REQUIRES(registryLock);
+  // Tells the observers, then takes the entry at `index` out of the table.
+  void RemoveAt(std::size_t index) SDM_REQUIRES(registryLock);
+
   std::vector<SvrDMItemPtr> items SDM_GUARDED_BY(registryLock);
   std::list<ServerDataManagerObserver*> observers SDM_GUARDED_BY(registryLock);
-  uint32_t idGroup = 0;
+  uint32_t idGroup = 0;  // set at construction; written by nothing after
   uint32_t nextIdSerial SDM_GUARDED_BY(registryLock) = 0;
 
   CriticalSection registryLock;
@@ -56,17 +64,11 @@ namespace {
 // Holds a data-source chain handed to Add until an item has taken it. The
 // caller of Add has given the chain up, so an Add that fails before the item
 // exists (the allocator, an observer of the replaced dataset) deletes the
-// chain here rather than losing it. Each parent is read before its child goes.
+// chain here rather than losing it.
 class HandedChain {
  public:
   explicit HandedChain(QUOR_DataSource* head) : head_(head) {}
-  ~HandedChain() {
-    while (head_ != nullptr) {
-      QUOR_DataSource* parent = head_->GetParentSource();
-      delete head_;
-      head_ = parent;
-    }
-  }
+  ~HandedChain() { SvrDMDeleteChain(head_); }
   HandedChain(HandedChain const&) = delete;
   HandedChain& operator=(HandedChain const&) = delete;
 
@@ -121,20 +123,20 @@ ServerDataManager::~ServerDataManager() SDM_NO_THREAD_SAFETY_ANALYSIS {
   data_->items.clear();
 }
 
-LocallyUniqueID ServerDataManager::NextID() {
-  CriticalSection::Lock lock(data_->registryLock);
+LocallyUniqueID ServerDataManager::Data::NextID() {
   // The counter moves before the item is built, so a failed add loses its
-  // identifier rather than handing it out twice.
-  LocallyUniqueID id(data_->idGroup & 0xFu, data_->nextIdSerial & 0xFFFFFFFu);
-  ++data_->nextIdSerial;
+  // identifier rather than handing it out twice. The identifier keeps the
+  // bits of each field that fit.
+  LocallyUniqueID id(idGroup, nextIdSerial);
+  ++nextIdSerial;
   return id;
 }
 
 LocallyUniqueID ServerDataManager::Add(QUOR_DataSource& dataSource, std::string const& fileName,
                                        bool silent) {
   CriticalSection::Lock lock(data_->registryLock);
-  LocallyUniqueID id = NextID();
-  AddItem(&dataSource, fileName, false, std::string(), false, silent, id, 0);
+  LocallyUniqueID id = data_->NextID();
+  data_->AddItem(&dataSource, fileName, false, std::string(), false, silent, id, 0);
   return id;
 }
 
@@ -142,8 +144,8 @@ LocallyUniqueID ServerDataManager::Add(QUOR_DataSource& dataSource, std::string 
                                        std::string const& password, bool passwordMangled,
                                        bool silent) {
   CriticalSection::Lock lock(data_->registryLock);
-  LocallyUniqueID id = NextID();
-  AddItem(&dataSource, fileName, true, password, passwordMangled, silent, id, 0);
+  LocallyUniqueID id = data_->NextID();
+  data_->AddItem(&dataSource, fileName, true, password, passwordMangled, silent, id, 0);
   return id;
 }
 
@@ -154,45 +156,43 @@ void ServerDataManager::Add(QUOR_DataSource& dataSource, std::string const& file
   HandedChain handed(&dataSource);
   Delete(id);
   handed.Release();
-  AddItem(&dataSource, fileName, false, std::string(), false, silent, id, caseSequence);
+  data_->AddItem(&dataSource, fileName, false, std::string(), false, silent, id, caseSequence);
 }
 
 LocallyUniqueID ServerDataManager::AddEmpty(bool silent) {
   CriticalSection::Lock lock(data_->registryLock);
-  LocallyUniqueID id = NextID();
-  AddItem(nullptr, std::string(), false, std::string(), false, silent, id, 0);
+  LocallyUniqueID id = data_->NextID();
+  data_->AddItem(nullptr, std::string(), false, std::string(), false, silent, id, 0);
   return id;
 }
 
-void ServerDataManager::AddItem(QUOR_DataSource* dataSource, std::string const& fileName,
-                                bool hasPassword, std::string const& password, bool passwordMangled,
-                                bool silent, LocallyUniqueID id, unsigned int caseSequence) {
-  CriticalSection::Lock lock(data_->registryLock);
+void ServerDataManager::Data::AddItem(QUOR_DataSource* dataSource, std::string const& fileName,
+                                      bool hasPassword, std::string const& password,
+                                      bool passwordMangled, bool silent, LocallyUniqueID id,
+                                      unsigned int caseSequence) {
   // The hook takes the source it is given and answers with the one to use;
   // what becomes of the first is the hook's concern.
-  if (data_->filterHook != nullptr && dataSource != nullptr) {
-    dataSource = data_->filterHook->Filter(dataSource);
-  }
+  if (filterHook != nullptr && dataSource != nullptr) dataSource = filterHook->Filter(dataSource);
   HandedChain handed(dataSource);
 
   // One file is held by one dataset: a later dataset of a name that is open
   // already keeps the name aside instead of holding the file a second time.
-  bool alreadyOpen = data_->Find(Data::FileNameMatch{fileName}) != data_->items.end();
-  SvrDMItemPtr item(new SvrDMItem(id, dataSource, data_->owner, caseSequence,
+  bool alreadyOpen = Find(FileNameMatch{fileName}) != items.end();
+  SvrDMItemPtr item(new SvrDMItem(id, dataSource, owner, caseSequence,
                                   alreadyOpen ? std::string() : fileName, !silent));
   // Built: the item owns the chain and deletes it at its end.
   handed.Release();
   if (hasPassword) item->Password(password, passwordMangled);
   if (alreadyOpen) item->sharedFileName = fileName;
-  data_->items.push_back(item);
-  NotifyCreate(*item);
+  items.push_back(item);
+  owner->NotifyCreate(*item);
 }
 
 void ServerDataManager::Delete(LocallyUniqueID const& id) {
   CriticalSection::Lock lock(data_->registryLock);
   auto found = data_->Find(Data::LUIDMatch{id});
   if (found == data_->items.end()) return;
-  RemoveAt(static_cast<std::size_t>(found - data_->items.begin()));
+  data_->RemoveAt(static_cast<std::size_t>(found - data_->items.begin()));
 }
 
 void ServerDataManager::Clear() {
@@ -201,33 +201,30 @@ void ServerDataManager::Clear() {
   // so the index is brought back within the table after each removal.
   CriticalSection::Lock lock(data_->registryLock);
   for (std::size_t i = data_->items.size(); i > 0; i = std::min(i - 1, data_->items.size())) {
-    RemoveAt(i - 1);
+    data_->RemoveAt(i - 1);
   }
 }
 
-void ServerDataManager::RemoveAt(std::size_t index) {
-  CriticalSection::Lock lock(data_->registryLock);
+void ServerDataManager::Data::RemoveAt(std::size_t index) {
   // The local copy keeps the item alive past its entry; if it is the last
   // reference, the item ends when this scope does, still inside the lock.
-  SvrDMItemPtr item = data_->items[index];
+  SvrDMItemPtr item = items[index];
   LocallyUniqueID id = item->dataSetID;
   if (item->announce) {
-    for (auto it = data_->observers.begin(); it != data_->observers.end(); ++it) {
-      (*it)->DataSetDeleted(id);
-    }
+    for (auto it = observers.begin(); it != observers.end(); ++it) (*it)->DataSetDeleted(id);
   }
   // An observer may have deleted other datasets from inside its notice (or
   // this one), shifting the table: erase the entry of this item wherever it
   // now stands, and nothing if it has gone already, never whatever has moved
   // into `index`.
-  auto entry = data_->items.end();
-  if (index < data_->items.size() && data_->items[index] == item) {
-    entry = data_->items.begin() + static_cast<std::ptrdiff_t>(index);
+  auto entry = items.end();
+  if (index < items.size() && items[index] == item) {
+    entry = items.begin() + static_cast<std::ptrdiff_t>(index);
   } else {
-    entry = std::find(data_->items.begin(), data_->items.end(), item);
-    if (entry == data_->items.end()) return;
+    entry = std::find(items.begin(), items.end(), item);
+    if (entry == items.end()) return;
   }
-  data_->items.erase(entry);
+  items.erase(entry);
 }
 
 SvrDMItemPtr ServerDataManager::GetDataSet(LocallyUniqueID const& id) const {

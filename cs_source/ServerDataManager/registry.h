@@ -89,12 +89,6 @@ class SDM_EXPORT ServerDataManager {
   struct Data;
 
  private:
-  LocallyUniqueID NextID();
-  void AddItem(QUOR_DataSource* dataSource, std::string const& fileName, bool hasPassword,
-               std::string const& password, bool passwordMangled, bool silent, LocallyUniqueID id,
-               unsigned int caseSequence);
-  void RemoveAt(std::size_t index);
-
   std::unique_ptr<Data> data_;
 };
 

@@ -74,16 +74,20 @@ void SvrDMItem::ClearNotifications() {
   notifications.clear();
 }
 
-void SvrDMItem::DeleteDataSource() {
+void SvrDMDeleteChain(QUOR_DataSource const* head, QUOR_DataSource const* stop) {
   // A source never deletes its parent, and a child's destructor may still
   // look at it: read the link first, then delete, then move on.
-  QUOR_DataSource* current = dataSource;
-  dataSource = nullptr;
-  while (current != nullptr) {
-    QUOR_DataSource* parent = current->GetParentSource();
-    delete current;
-    current = parent;
+  while (head != stop && head != nullptr) {
+    QUOR_DataSource const* parent = head->GetParentSource();
+    delete head;
+    head = parent;
   }
+}
+
+void SvrDMItem::DeleteDataSource() {
+  QUOR_DataSource* const head = dataSource;
+  dataSource = nullptr;
+  SvrDMDeleteChain(head);
 }
 
 namespace {
@@ -112,13 +116,7 @@ void SvrDMItem::SetDataSet(QUOR_DataSource* newSource) {
       deleteOld = true;
     }
   }
-  if (deleteOld) {
-    for (QUOR_DataSource* current = old; current != stop;) {
-      QUOR_DataSource* parent = current->GetParentSource();
-      delete current;
-      current = parent;
-    }
-  }
+  if (deleteOld) SvrDMDeleteChain(old, stop);
 
   // The file goes before the head changes, and is held again after it: a
   // replaced source may have reopened or renamed it.
@@ -208,56 +206,25 @@ void SvrDMItem::InitializeErrorMonitor(PackageProxy* proxy) {
 
 // --- Access lock ---------------------------------------------------------
 
-namespace {
-// The item whose write lock this thread failed to get and whose matching
-// release has not come yet. The release after a failed try runs in the
-// failing thread right after the try, while the holder may release, and
-// another thread fail, in between; a per-item flag could be overwritten by
-// either. What one thread keeps for itself cannot be.
-thread_local SvrDMItem const* tFailedTry = nullptr;
-}  // namespace
-
 bool SvrDMItem::AcquireReadLock(bool /*tryOnly*/) {
   // The mutex offers a try for writing only, so a reader always waits.
   accessMutex.readLock();
-  if (tFailedTry == this) tFailedTry = nullptr;
   return true;
 }
 
 bool SvrDMItem::AcquireWriteLock(bool tryOnly) {
-  bool held = false;
-  try {
-    if (tryOnly) {
-      held = accessMutex.tryWriteLock();
-    } else {
-      accessMutex.writeLock();
-      held = true;
-    }
-  } catch (...) {
-    // The access object unwinds through ReleaseLock as after a failed try;
-    // that release must not take a lock this thread never got.
-    tFailedTry = this;
-    throw;
+  if (!tryOnly) {
+    accessMutex.writeLock();
+    return true;
   }
-  if (!held) {
-    tFailedTry = this;
-    writeLockFailed = true;
-    return false;
-  }
-  // A stale mark from a try whose release never came must not swallow the
-  // release of the lock just taken.
-  if (tFailedTry == this) tFailedTry = nullptr;
-  return true;
+  if (accessMutex.tryWriteLock()) return true;
+  writeLockFailed.store(true, std::memory_order_relaxed);
+  return false;
 }
 
-void SvrDMItem::ReleaseLock() {
-  if (tFailedTry == this) {
-    tFailedTry = nullptr;
-    writeLockFailed = false;
-    return;
-  }
-  accessMutex.unlock();
-}
+// Nothing to tell apart here: an access that failed to acquire never calls
+// this, so every call comes from a holder.
+void SvrDMItem::ReleaseLock() { accessMutex.unlock(); }
 
 // --- Notification queue and dataset observers -------------------------------
 

@@ -103,19 +103,17 @@ class SDM_EXPORT SvrDMItem : public QUOR_RefCntObject {
   void SetDataSet(QUOR_DataSource* newSource);
 
   // --- Access lock. Called only by the access objects: one Acquire from
-  // the constructor, one ReleaseLock from the end of the same object, in the
-  // same thread. The lock stays held between the two calls, which the
-  // analysis cannot follow.
+  // the constructor, and one ReleaseLock from the end of the same object in
+  // the same thread if, and only if, the Acquire returned true. The access
+  // object remembers what it holds; the item keeps no record of it.
 
   // Waits for the read lock, whatever `tryOnly` says, and returns true.
-  bool AcquireReadLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS;
+  bool AcquireReadLock(bool tryOnly) SDM_TRY_ACQUIRE_SHARED(true, accessMutex);
   // Waits for the write lock, or with `tryOnly` makes one try and returns
-  // false if the lock is taken.
-  bool AcquireWriteLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS;
-  // Gives back the lock the calling thread holds. The release that follows a
-  // failed try (or an Acquire that threw) in the same thread leaves the lock
-  // alone, so the real holder keeps it.
-  void ReleaseLock() SDM_NO_THREAD_SAFETY_ANALYSIS;
+  // false if the lock is taken; the mutex is then as it was.
+  bool AcquireWriteLock(bool tryOnly) SDM_TRY_ACQUIRE(true, accessMutex);
+  // Gives back the read or write lock that the calling thread holds.
+  void ReleaseLock() SDM_RELEASE_GENERIC(accessMutex);
 
   // --- Notification queue and dataset observers.
 
@@ -146,66 +144,62 @@ class SDM_EXPORT SvrDMItem : public QUOR_RefCntObject {
   // silences it again). The warning switch keeps its value.
   void InitializeErrorMonitor(PackageProxy* proxy);
 
-  // Set at construction.
-  ServerDataManager* dataManager = nullptr;
+  // The fields in their fixed order, each marked with what guards it. The
+  // access lock is held across calls by the access objects, which the
+  // analysis cannot follow, so what it guards is noted in words; "no lock"
+  // means callers serialise their own changes.
 
-  // Changed under the write lock of accessMutex.
+  ServerDataManager* dataManager = nullptr;  // set at construction
+  // Head of the owned chain. Changed under the write lock of accessMutex,
+  // read under read or write access (HasDataSource reads it with no lock).
   QUOR_DataSource* dataSource = nullptr;
-
-  // No lock in this library: callers serialise their changes.
-  std::string handle;
-  std::string fileName;
-  std::string sharedFileName;
-  std::string password;
-  bool passwordMangled = false;
-
-  sfMutexRW accessMutex;
-  sfMutex observerMutex;
-
-  // Guarded by observerMutex.
+  std::string handle;            // no lock; the registry reads it under registryLock
+  std::string fileName;          // no lock; likewise, and a write access's end may set it
+  std::string sharedFileName;    // set while the registry adds the item
+  std::string password;          // no lock
+  bool passwordMangled = false;  // no lock
+  sfMutexRW accessMutex;         // held by the access objects, across calls
+  sfMutex observerMutex;         // taken only through sfGuard
   std::list<SvrDMDataSetObserver*> dataSetObservers SDM_GUARDED_BY(observerMutex);
-  // Changed under the write lock of accessMutex; owned.
-  std::vector<DataSetMsg*> notifications;
-
-  // Silent until InitializeErrorMonitor gives it the identifier and a channel.
+  std::vector<DataSetMsg*> notifications;  // owned; write lock of accessMutex
+  // Silent until InitializeErrorMonitor gives it a channel. No lock:
+  // callers order changes to it against reports.
   InteractiveErrorMonitor errorMonitor{LocallyUniqueID(), nullptr};
-
-  // Set at construction.
-  LocallyUniqueID dataSetID;  // all ones until the main constructor sets it
-  // Advanced under the write lock of accessMutex.
-  uint32_t caseSequence = 0;
-
+  LocallyUniqueID dataSetID;  // set at construction; all ones until then
+  uint32_t caseSequence = 0;  // write lock of accessMutex
+  // Updated under observerMutex and the write lock; BulkVarMoves under the
+  // write lock alone.
   SvrDMObserverView observerView{*this};
-
-  // Kept by the access objects, for reporting only. Readers move
-  // readersCount side by side and writers count themselves before they hold
-  // the lock, so both are atomic.
+  // Reporting only, so no lock: moved by the access objects beside one
+  // another (readers share the lock, writers count before they hold it).
   std::atomic<int32_t> writersCount{0};
   std::atomic<int32_t> readersCount{0};
-
-  uint32_t originator = 0;
-  bool announce = true;
-  // Set when a try for the write lock fails, cleared by the release that
-  // belongs to it. A hint only: tries may fail on several threads at once,
-  // so ReleaseLock decides on what the failing thread itself remembers.
+  uint32_t originator = 0;  // write lock of accessMutex; read by nothing
+  bool announce = true;     // set at construction
+  // Set by every failed try for the write lock and never cleared: it tells
+  // that one has failed, nothing more, and nothing in the library reads it.
+  // Atomic because tries fail on several threads at once.
   std::atomic<bool> writeLockFailed{false};
-  bool windowFront = false;
-  bool windowMinimized = true;
-  bool windowHidden = false;
+  bool windowFront = false;     // no lock
+  bool windowMinimized = true;  // no lock
+  bool windowHidden = false;    // no lock
+  // Written by NotifyCreate: while the registry adds the item, before any
+  // other thread can reach it, and later under the write lock of accessMutex.
   bool createNotified = false;
-
-  // The held data file; no lock in this library.
+  // The held data file: no lock, and changed by a write access's end too.
   FILE* lockedFile = nullptr;
   std::string lockedFileName;
   int64_t lockedFileTime = 0;
-
-  // Owned; no lock in this library.
-  SvrBootstrapSpecs* bootstrapSpecs = nullptr;
-
-  double objCreationTime = 0.0;
+  SvrBootstrapSpecs* bootstrapSpecs = nullptr;  // owned; no lock
+  double objCreationTime = 0.0;                 // set at construction
 };
 
 typedef RefCountPtr<SvrDMItem> SvrDMItemPtr;
+
+// Deletes the chain of data sources from `head` up, head first, each
+// parent read before its child goes, and stops at `stop` (kept) or at the
+// chain's end. A null `head` deletes nothing.
+void SvrDMDeleteChain(QUOR_DataSource const* head, QUOR_DataSource const* stop = nullptr);
 
 // Reports a broken internal invariant in the usual assertion form and stops
 // the process. Unlike assert() it stays in release builds: what it guards
