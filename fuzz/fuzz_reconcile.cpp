@@ -186,9 +186,9 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     // procedure's variable messages.
     watcher.checkVariables = item->notifications.empty();
     if (watcher.checkVariables) {
-      watcher.expected =
-          LiteralVariableStage(VariablesOf(item->observerView.Snapshot()),
-                               VariablesOf(*item->dataSource), bulk, id, item->caseSequence);
+      // With nothing left over, the watcher holds what the snapshot holds.
+      watcher.expected = LiteralVariableStage(
+          watcher.model.variables, VariablesOf(*item->dataSource), bulk, id, item->caseSequence);
     }
     bool failed = false;
 #ifdef SDM_FAULTS

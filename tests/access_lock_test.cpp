@@ -110,10 +110,13 @@ TEST_F(AccessLockTest, FailedTryLeavesTheHoldersLockAndBothCountersAsTheyWere) {
 
 // Holders come and go on several threads while tries fail. Whoever holds
 // checks what it may rely on, and each breach is counted: a writer is alone
-// and sees no reader counted, a reader sees no writer inside and itself
-// counted. A failed try gives nothing back, so it never frees a holder's
-// lock; `written` changes under write access alone, so a second writer
-// inside would also be a race for the thread sanitizer.
+// and counted, a reader sees no writer inside and itself counted. A failed
+// try gives nothing back, so it never frees a holder's lock; `written`
+// changes under write access alone, so a second writer inside would also be
+// a race for the thread sanitizer. Among writers alone, a writer also sees
+// no reader counted: a failed try never passes for a reader, not even for a
+// moment. (A reader is counted off just after its release, so with readers
+// about a writer may see one leave.)
 TEST_F(AccessLockTest, HoldersSeeOnlyHoldersCountedWhileTriesFailAndHoldersChange) {
   enum Role { kWaitingWriter, kTryingWriter, kReader };
   constexpr int kRounds = 20000;
@@ -143,18 +146,24 @@ TEST_F(AccessLockTest, HoldersSeeOnlyHoldersCountedWhileTriesFailAndHoldersChang
       if (code != 55) ++otherThrows;
     }
   };
-  Gate start;  // all start together, so that their accesses interleave
-  std::vector<std::thread> threads;
-  for (Role role : {kWaitingWriter, kTryingWriter, kReader, kReader}) {
-    threads.emplace_back([&, role] {
-      start.WaitFor();
-      for (int i = 0; i < kRounds; ++i) access(role);
-    });
+  for (bool withReaders : {false, true}) {
+    std::vector<Role> roles = {kWaitingWriter, kTryingWriter, kTryingWriter};
+    if (withReaders) roles = {kWaitingWriter, kTryingWriter, kReader, kReader};
+    Gate start;  // all start together, so that their accesses interleave
+    std::vector<std::thread> threads;
+    for (Role role : roles) {
+      threads.emplace_back([&, role] {
+        start.WaitFor();
+        for (int i = 0; i < kRounds; ++i) access(role);
+      });
+    }
+    start.Arrive();
+    for (std::thread& thread : threads) thread.join();
+    if (!withReaders) {
+      EXPECT_EQ(phantomReaders, 0) << "a writer saw a reader counted that held nothing";
+    }
   }
-  start.Arrive();
-  for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(crowdedWriters, 0) << "two writers held the lock";
-  EXPECT_EQ(phantomReaders, 0) << "a writer saw a reader counted that held nothing";
   EXPECT_EQ(readersBesideWriter, 0) << "a reader got in beside a writer";
   EXPECT_EQ(uncountedHolders, 0);
   EXPECT_EQ(otherThrows, 0);

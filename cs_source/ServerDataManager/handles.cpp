@@ -99,18 +99,21 @@ SvrDMInputDataSource::SvrDMInputDataSource(char const* /*unused*/, SvrDMItemPtr 
 }
 
 SvrDMInputDataSource::~SvrDMInputDataSource() noexcept(false) SDM_NO_THREAD_SAFETY_ANALYSIS {
-  if (held_ == Held::kNothing) return;
-  // Counted off while still held, so no thread that takes the lock after
-  // this release can see a count for a holder that has gone. The lock's
-  // release orders the decrement before whatever the next holder reads.
-  std::atomic<int32_t>& count = held_ == Held::kRead ? item_->readersCount : item_->writersCount;
-  count.fetch_sub(1, std::memory_order_relaxed);
-  try {
-    item_->ReleaseLock();
-  } catch (...) {
-    // Not released: the holder still holds, and still counts.
-    count.fetch_add(1, std::memory_order_relaxed);
-    throw;
+  switch (held_) {
+    case Held::kNothing:
+      return;
+    case Held::kRead:
+      // Released first, then counted off: a reader stays counted while it
+      // may still hold. If the release throws, the count stays with it.
+      item_->ReleaseLock();
+      item_->readersCount.fetch_sub(1, std::memory_order_relaxed);
+      break;
+    case Held::kWrite:
+      // A writer is counted off while it still holds, so a thread that
+      // takes the lock next never counts it.
+      item_->writersCount.fetch_sub(1, std::memory_order_relaxed);
+      item_->ReleaseLock();
+      break;
   }
   // The handle part still keeps the item alive here; the reference goes last.
 }

@@ -100,9 +100,9 @@ class SDM_EXPORT SvrDMInputDataSource : public SvrDMDataset {
   SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly);
   SvrDMInputDataSource(LocallyUniqueID id, bool tryOnly);
   SvrDMInputDataSource(ServerDataManager& manager, LocallyUniqueID id, bool tryOnly);
-  // Counts the holder off, releases what it holds, then drops the
-  // reference, which may end the item. If the release throws, the count
-  // stays with the lock.
+  // Gives back what the object holds, with its count (a reader after the
+  // release, a writer before it), then drops the reference, which may end
+  // the item. A reader whose release throws stays counted.
   ~SvrDMInputDataSource() noexcept(false) override;
 
   SvrDMInputDataSource(SvrDMInputDataSource const&) = delete;
