@@ -14,6 +14,7 @@
 #include "ObserverView.h"
 #include "bootstrapspecs.h"
 #include "errormonitor.h"
+#include "failures.h"
 #include "handles.h"
 #include "registry.h"
 #include "svrdmitem.h"
