@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -153,6 +154,21 @@ TEST(SystemFileTest, SampleFilesOpenWithTypedVariablesAndTheirRowCounts) {
   SystemFileDataSource trial(SDM_EXAMPLES_DATA_DIR "/trial.csv");
   EXPECT_EQ(Names(trial, true), "subject:0 arm:1 dose:0 response:0 ");
   EXPECT_EQ(trial.RowCount(), 4);
+}
+
+TEST(SystemFileTest, ColumnsTakeVariableIdentifiersUniqueInTheProcess) {
+  LocallyUniqueID const first = QUOR_DataSource::NewVariableID();
+  SystemFileDataSource a(SDM_EXAMPLES_DATA_DIR "/trial.csv"), b(SDM_EXAMPLES_DATA_DIR "/trial.csv");
+  std::set<uint32_t> seen = {first.ToWord()};
+  for (QUOR_DataSource const* source : {&a, &b}) {
+    for (int i = 0; i < static_cast<int>(source->ColumnCount()); ++i) {
+      LocallyUniqueID const id = source->GetVariable(i).GetID();
+      EXPECT_EQ(id.group, 1u);  // never read as a dataset of group 0
+      EXPECT_GT(id.serial, first.serial);
+      EXPECT_TRUE(seen.insert(id.ToWord()).second);
+    }
+  }
+  EXPECT_EQ(QUOR_DataSource::NewVariableID().serial, first.serial + 9);
 }
 
 TEST(SystemFileTest, QuotesLineEndsBlankLinesAndTypesAreReadAsWritten) {
