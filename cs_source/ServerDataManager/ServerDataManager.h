@@ -13,6 +13,7 @@
 
 #include "ObserverView.h"
 #include "bootstrapspecs.h"
+#include "clientcopy.h"
 #include "errormonitor.h"
 #include "failures.h"
 #include "handles.h"
