@@ -68,12 +68,13 @@ TEST_F(ClientCopyTest, EachPieceDiffersUntilItsPassAndAgreesAfter) {
        "variables from position 0: copy [], live [0:1 A, 0:2 B]; row count: copy -1, live 0"},
       {[](auto& w) { w->InsertVariable(2, Var('C')); },
        "variables from position 2: copy [], live [0:3 C]"},
-      {[](auto& w) { w->DeleteVariables(2, 2), w->InsertVariable(0, Var('C')); },
-       "variables from position 0: copy [0:1 A, 0:2 B, 0:3 C], live [0:3 C, 0:1 A, 0:2 B]"},
-      {[](auto& w) { w->GetVariable(2).SetName("b"); },
-       "variables from position 2: copy [0:2 B], live [0:2 b]"},
-      {[](auto& w) { w->DeleteVariables(1, 1); },
-       "variables from position 1: copy [0:1 A, 0:2 b], live [0:2 b]"},
+      // Delete [A], then a move from position 1: counted after the delete.
+      {[](auto& w) {
+         w->DeleteVariables(0, 0), w->DeleteVariables(1, 1), w->InsertVariable(0, Var('C'));
+       },
+       "variables from position 0: copy [0:1 A, 0:2 B, 0:3 C], live [0:3 C, 0:2 B]"},
+      {[](auto& w) { w->GetVariable(1).SetName("b"); },
+       "variables from position 1: copy [0:2 B], live [0:2 b]"},
       {[](auto& w) { w->SetWeightVar(0); }, "weight: copy none, live 0:3"},
       {[](auto& w) { w->SetFilterVar(1); }, "filter: copy none, live 0:2"},
       {[&c](auto& w) { w->SetSplit(1, c, true); }, "split: copy [], live [0:3]"},
@@ -105,6 +106,11 @@ TEST_F(ClientCopyTest, EachPieceDiffersUntilItsPassAndAgreesAfter) {
          w->DeleteVariables(0, 0), w->InsertVariable(1, Var('B'));
        },
        "variables from position 0: copy [0:2 b, 0:3 C], live [0:3 C, 0:2 B]"},
+      {[](auto& w) { w->SetFilterVar(-1); }, "filter: copy 0:2, live none"},
+      // Insert [X] before C, then Delete [C]: the insert names what goes next.
+      {[](auto& w) { w->DeleteVariables(0, 0), w->InsertVariable(0, Var('X')); },
+       "variables from position 0: copy [0:3 C, 0:2 B], live [0:24 X, 0:2 B]; weight: copy 0:3, "
+       "live none; split: copy [0:3], live []"},
   };
   for (auto const& [edit, differences] : rows) {
     SCOPED_TRACE(differences);
@@ -140,7 +146,8 @@ TEST_F(ClientCopyTest, ClientsJoiningLateContinueTheStreamExactly) {
   thrower.fail = true;
   EXPECT_THROW(Write([](auto& w) { w->InsertVariable(0, Var('C')); }), std::runtime_error);
   ASSERT_EQ(item->notifications.size(), 1u);
-  afterFailure.Join(item);
+  ASSERT_NE(afterFailure.copy.Apply(WeightVarMsg(0, Id('Z'), 0, Id('Q'))), "");
+  afterFailure.Join(item);  // a seed also ends a refusal
   thrower.fail = false;
   Write([](auto& w) { w->InsertVariable(2, Var('B')), w->SetLabel("L"); });
   EXPECT_EQ(early.classes.find("WeightVarMsg"), std::string::npos);
@@ -216,8 +223,10 @@ TEST(ClientCopyRefusalTest, MessagesThatCannotApplyAreRefusedWithTheirReason) {
     SCOPED_TRACE(why);
     SvrDMClientCopy copy;
     OwnMsg own;
+    ImputationInfoMsg imputation;  // carries no dataset, as ResetUndoMsg
+    ResetUndoMsg undo;
     FileLabelChangeMsg label(0, z, 1, "applied");
-    ASSERT_EQ(copy.Apply({insert("AB", none).get(), nullptr, &own}), "");
+    ASSERT_EQ(copy.Apply({insert("AB", none).get(), nullptr, &own, &imputation, &undo}), "");
     EXPECT_EQ(copy.Apply({&label, message.get()}), "message 2 of 2, " + why);
     EXPECT_EQ(copy.Refusal(), "message 2 of 2, " + why);
     EXPECT_STREQ(copy.Dictionary().GetLabel(), "applied");
