@@ -2,6 +2,7 @@
 
 #include <exception>
 
+#include "failures.h"
 #include "registry.h"
 
 // --- SvrDMDataset -------------------------------------------------------------
@@ -60,28 +61,23 @@ InteractiveErrorMonitor* SvrDMDataset::GetErrorMonitor() { return item_->GetErro
 
 // --- SvrDMInputDataSource -----------------------------------------------------
 
-namespace {
-// What a failed try for an access lock throws.
-constexpr int kLockNotAvailable = 55;
-}  // namespace
-
 SvrDMInputDataSource::SvrDMInputDataSource(SvrDMItemPtr& item, bool tryOnly) : SvrDMDataset(item) {
   // If this throws, only the handle part is destroyed: no release runs for a
   // lock that was never taken, and no counter has moved.
-  if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
+  if (!item_->AcquireReadLock(tryOnly)) throw kSvrDMLockNotAvailable;
   // Counted once held: a reader still waiting is not a reader yet.
   ++item_->readersCount;
 }
 
 SvrDMInputDataSource::SvrDMInputDataSource(LocallyUniqueID id, bool tryOnly) : SvrDMDataset(id) {
-  if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
+  if (!item_->AcquireReadLock(tryOnly)) throw kSvrDMLockNotAvailable;
   ++item_->readersCount;
 }
 
 SvrDMInputDataSource::SvrDMInputDataSource(ServerDataManager& manager, LocallyUniqueID id,
                                            bool tryOnly)
     : SvrDMDataset(manager, id) {
-  if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
+  if (!item_->AcquireReadLock(tryOnly)) throw kSvrDMLockNotAvailable;
   ++item_->readersCount;
 }
 
@@ -138,7 +134,7 @@ void SvrDMWriteableDataSource::TakeWriteLock(bool tryOnly) {
   }
   if (!held) {
     CountAsReader();
-    throw kLockNotAvailable;
+    throw kSvrDMLockNotAvailable;
   }
 }
 
