@@ -32,25 +32,4 @@ TEST(FailuresTest, EachCaughtFailureReadsAsOneSentence) {
   EXPECT_EQ(SvrDMDescribeFailure(id), "no failure");  // outside a catch block
 }
 
-TEST(FailuresTest, TheRegistryAndTheLockThrowTheNamedValues) {
-  ServerDataManager registry;
-  LocallyUniqueID const id = registry.AddEmpty(true);
-  SvrDMInputDataSource reader(registry, id, false);
-  int busy = 0;
-  unsigned int unknown = 0;
-  try {
-    SvrDMWriteableDataSource writer(registry, id, true, nullptr);
-  } catch (int code) {
-    busy = code;
-  }
-  registry.Delete(id);
-  try {
-    SvrDMDataset dataset(registry, id);
-  } catch (ErrorMsg const& error) {
-    unknown = error.GetCode();
-  }
-  EXPECT_EQ(busy, kSvrDMLockNotAvailable);
-  EXPECT_EQ(unknown, kSvrDMUnknownDataSet);
-}
-
 }  // namespace
