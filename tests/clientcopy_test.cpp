@@ -77,7 +77,7 @@ TEST_F(ClientCopyTest, EachPieceDiffersUntilItsPassAndAgreesAfter) {
       {[](auto& w) { w->SetSplit(0, nullptr, false); }, ""},  // the flag alone means nothing
       {[](auto& w) { w->SetLabel("L"); }, "label: copy \"\", live \"L\""},
       {[](auto& w) { w->SetLabel(nullptr); }, "label: copy \"L\", live \"\""},
-      {[](auto& w) { w->SetFileSpec("/d/s.csv"); }, "file spec: copy \"\", live \"/d/s.csv\""},
+      {[](auto& w) { w->SetFileSpec("/d/s.csv"); }, "file path: copy \"\", live \"/d/s.csv\""},
       {[](auto& w) { w->GetTrendsInfo()->SetText("q"); }, "trends: copy \"\", live \"q\""},
       {[](auto& w) { w->SetDirty(false); }, "dirty flag: copy true, live false"},
       {[this](auto&) { source->rows = 7; }, "row count: copy 0, live 7"},
@@ -158,7 +158,7 @@ TEST_F(ClientCopyTest, ClientsJoiningLateContinueTheStreamExactly) {
               seeded.GetAttributes().Size() == 0 && seeded.RowsPerImputation() == 0 &&
               QUOR_DataSource::Extension(seeded, 0).IsEmpty());
 
-  // A source on no data file takes its file spec unannounced; a late copy
+  // A source on no data file takes its file path unannounced; a late copy
   // holds none either.
   auto* plain = new DataFreeDataSource;
   plain->SetFileSpec("/nowhere.csv");

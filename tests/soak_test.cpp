@@ -51,7 +51,7 @@ struct RegistryNumbering : ServerDataManagerObserver, Numbering {
 };
 
 // A dataset's watcher: its copy must equal the live dictionary after each
-// pass. The file spec is left out: the soak's sources rest on no data file.
+// pass. The file path is left out: the soak's sources rest on no data file.
 struct Watcher : SvrDMDataSetObserver, Numbering {
   void DataSetChanged(SvrDMWriteableDataSource const* writer) override {
     DataFreeDataSource none;  // what a dataset without a source reads as

@@ -150,7 +150,7 @@ void SvrDMClientCopy::Seed(SvrDMItem const& item) {
   d.dictionary.SetAttributes(DatasourceAttributes());
   d.dictionary.SetExtension(QUOR_DataSource::Extension(none, 0));
   d.dictionary.RowsPerImputation(0);
-  // The snapshot takes the file spec of a source that rests on no data file
+  // The snapshot takes the file path of a source that rests on no data file
   // without announcing it; a copy that watched from the start holds none.
   QUOR_DataSource const* root = item.dataSource;
   while (root != nullptr && root->GetParentSource() != nullptr) root = root->GetParentSource();
@@ -382,7 +382,7 @@ std::string SvrDMClientCopy::Differences(QUOR_DataSource const& live, bool compa
              << TextOf(live.GetLabel()) << "\"";
   }
   if (compareFileSpec && std::strcmp(copy.GetFileSpec(), live.GetFileSpec()) != 0) {
-    clause() << "file spec: copy \"" << copy.GetFileSpec() << "\", live \"" << live.GetFileSpec()
+    clause() << "file path: copy \"" << copy.GetFileSpec() << "\", live \"" << live.GetFileSpec()
              << "\"";
   }
   if (*copy.GetTrendsInfo() != *live.GetTrendsInfo()) {

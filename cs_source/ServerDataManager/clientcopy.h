@@ -18,7 +18,7 @@ class SvrDMItem;
 
 // One client's copy of one dataset's dictionary: the variables in order;
 // weight, filter and split, held by identifier as data sources hold them;
-// label, file spec, trends, extension payloads, row count and dirty flag.
+// label, file path, trends, extension payloads, row count and dirty flag.
 // It changes only by the messages of the dataset's passes, applied in queue
 // order, or by Seed, which starts it where the stream stands. It owns what it
 // holds and keeps no pointer to an item, and none to a message beyond the
@@ -26,7 +26,7 @@ class SvrDMItem;
 class SvrDMClientCopy {
  public:
   // What a client holds before its first pass: no variables, no roles, an
-  // empty label and file spec, clean, row count -1 (unknown), extensions as
+  // empty label and file path, clean, row count -1 (unknown), extensions as
   // a new data source has them.
   SvrDMClientCopy();
   ~SvrDMClientCopy();
@@ -56,12 +56,12 @@ class SvrDMClientCopy {
 
   // Where the copy and `live` differ, one clause each, joined by "; "; empty
   // when they agree on everything the messages carry. A dataset that shares
-  // another's file never announces its file spec, nor does one whose source
-  // rests on no data file: pass false to leave the file spec out.
+  // another's file never announces its file path, nor does one whose source
+  // rests on no data file: pass false to leave the file path out.
   std::string Differences(QUOR_DataSource const& live, bool compareFileSpec = true) const;
 
   // Variables in order, weight, filter, split and separate flag, label, file
-  // spec, trends and dirty flag, read as from any data source: a role whose
+  // path, trends and dirty flag, read as from any data source: a role whose
   // variable has left reads as none until it comes back. The sets,
   // attributes and extension record 0 are held as payloads instead (see
   // Extension); rows per imputation is not held.
