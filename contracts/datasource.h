@@ -251,6 +251,12 @@ class QUOR_DataSource {
 
   explicit QUOR_DataSource(QUOR_DataSource const* parent);
   QUOR_DataSource(QUOR_DataSource const&) = delete;
+  // A variable identifier that no earlier call in this process returned, for
+  // a new variable. Variables take group 1 and serials from 1 up, so they
+  // never print like datasets, which the registry numbers in group 0; the
+  // data-file source names its columns this way. Any thread may call it.
+  // Throws std::overflow_error once the 2^28 - 1 serials are spent.
+  static LocallyUniqueID NewVariableID();
   QUOR_DataSource& operator=(QUOR_DataSource const&) = delete;
 
   // The virtual table, in this order; everything else is non-virtual.

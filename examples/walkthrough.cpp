@@ -69,67 +69,17 @@ std::string Word(LocallyUniqueID id) {
   return std::to_string(id.group) + ":" + std::to_string(id.serial);
 }
 
-// A client's copy of the dictionary, kept only from the messages it is sent.
-struct ClientCopy {
-  std::vector<QUOR_Variable> variables;
-  LocallyUniqueID weight, filter;
-  std::vector<LocallyUniqueID> split;
-  std::string label;
-
-  int Find(LocallyUniqueID id) const {
-    for (std::size_t i = 0; i < variables.size(); ++i) {
-      if (variables[i].GetID() == id) return static_cast<int>(i);
-    }
-    return -1;
+// One line for a dictionary: the client's copy or the live source.
+std::string Describe(QUOR_DataSource const& dictionary) {
+  std::ostringstream out;
+  for (unsigned i = 0; i < dictionary.ColumnCount(); ++i) {
+    QUOR_Variable const& variable = dictionary.GetVariable(static_cast<int>(i));
+    out << (i ? " " : "") << variable.GetName() << ":" << variable.GetType();
   }
-
-  void Apply(DataSetMsg const* message) {
-    if (auto const* m = dynamic_cast<DeleteVarsMsg const*>(message)) {
-      for (QUOR_Variable const& v : m->GetVariables())
-        variables.erase(variables.begin() + Find(v.GetID()));
-    } else if (auto const* m = dynamic_cast<InsertVarsMsg const*>(message)) {
-      int at =
-          m->GetBeforeID().IsNone() ? static_cast<int>(variables.size()) : Find(m->GetBeforeID());
-      variables.insert(variables.begin() + at, m->GetVariables().begin(), m->GetVariables().end());
-    } else if (auto const* m = dynamic_cast<MoveVarsMsg const*>(message)) {
-      QUOR_Variable moved = variables[m->GetIndices()[0]];
-      variables.erase(variables.begin() + m->GetIndices()[0]);
-      variables.insert(variables.begin() + m->GetTarget(), moved);
-    } else if (auto const* m = dynamic_cast<ModifyVarMsg const*>(message)) {
-      variables[static_cast<std::size_t>(Find(m->GetVariable().GetID()))] = m->GetVariable();
-    } else if (auto const* m = dynamic_cast<WeightVarMsg const*>(message)) {
-      weight = m->GetWeightID();
-    } else if (auto const* m = dynamic_cast<FilterVarMsg const*>(message)) {
-      filter = m->GetFilterID();
-    } else if (auto const* m = dynamic_cast<SplitFileMsg const*>(message)) {
-      split = m->GetSplitIDs();
-    } else if (auto const* m = dynamic_cast<FileLabelChangeMsg const*>(message)) {
-      label = m->GetLabel();
-    }
-  }
-
-  std::string Describe() const {
-    std::ostringstream out;
-    for (std::size_t i = 0; i < variables.size(); ++i) {
-      out << (i ? " " : "") << variables[i].GetName() << ":" << variables[i].GetType();
-    }
-    out << " | weight " << Word(weight) << ", filter " << Word(filter) << ", split " << split.size()
-        << ", label \"" << label << "\"";
-    return out.str();
-  }
-};
-
-// The same description, read from the live source.
-std::string DescribeLive(QUOR_DataSource const& source) {
-  ClientCopy live;
-  for (unsigned i = 0; i < source.ColumnCount(); ++i)
-    live.variables.push_back(source.GetVariable(static_cast<int>(i)));
-  live.weight = source.GetWeightVariableID();
-  live.filter = source.GetFilterVariableID();
-  for (int i = 0; i < source.GetNSplitVars(); ++i)
-    live.split.push_back(source.GetSplitVarID(static_cast<unsigned>(i)));
-  live.label = source.GetLabel() != nullptr ? source.GetLabel() : "";
-  return live.Describe();
+  out << " | weight " << Word(dictionary.GetWeightVariableID()) << ", filter "
+      << Word(dictionary.GetFilterVariableID()) << ", split " << dictionary.GetNSplitVars()
+      << ", label \"" << (dictionary.GetLabel() != nullptr ? dictionary.GetLabel() : "") << "\"";
+  return out.str();
 }
 
 class RegistryWatcher : public ServerDataManagerObserver {
@@ -146,25 +96,42 @@ class RegistryWatcher : public ServerDataManagerObserver {
   Output& out_;
 };
 
-// Prints the queue of each pass and applies it to the client's copy.
+// A client of the dataset: prints the queue of each pass and applies it to
+// its own copy of the dictionary, which it keeps from the messages alone.
 class DatasetWatcher : public SvrDMDataSetObserver {
  public:
-  DatasetWatcher(Output& out, ClientCopy& copy) : out_(out), copy_(copy) {}
+  explicit DatasetWatcher(Output& out) : out_(out) {}
   void DataSetChanged(SvrDMWriteableDataSource const* access) override {
     for (DataSetMsg const* message : access->GetNotifications()) {
-      if (printing) {
-        std::ostringstream line;
-        line << *message;
-        out_.Event("message: " + line.str());
-      }
-      copy_.Apply(message);
+      if (!printing) break;
+      std::ostringstream line;
+      line << *message;
+      out_.Event("message: " + line.str());
     }
+    std::string const refused = copy.Apply(access->GetNotifications());
+    if (!refused.empty()) out_.Event("THE CLIENT REFUSED " + refused);
   }
+  // Joins at any point: under one read access, takes what the dataset's
+  // watchers have been told so far and registers for what comes next.
+  void Join(LocallyUniqueID id) {
+    SvrDMItemPtr item = ServerDataManager::GetInstance().GetDataSet(id);
+    SvrDMInputDataSource reader(item, false);
+    copy.Seed(*item);
+    item->Register(*this);
+  }
+  // Whether the copy agrees with the live dictionary, read under read access.
+  std::string Check(LocallyUniqueID id) const {
+    SvrDMInputDataSource reader(id, false);
+    std::string const differences = copy.Differences(*reader);
+    return differences.empty() ? "the copy equals the live dictionary"
+                               : "THE COPY DIFFERS: " + differences;
+  }
+
+  SvrDMClientCopy copy;
   bool printing = false;
 
  private:
   Output& out_;
-  ClientCopy& copy_;
 };
 
 class PrintingChannel : public PackageProxy {
@@ -277,8 +244,7 @@ int main(int argc, char** argv) {
   out.Event("dataset " + Word(id) + " holds " + std::to_string(source->ColumnCount()) +
             " variables and " + std::to_string(source->RowCount()) + " rows");
 
-  ClientCopy copy;
-  DatasetWatcher watcher(out, copy);
+  DatasetWatcher watcher(out);
   SvrDMDataset(id).Register(watcher);
   { SvrDMWriteableDataSource first(id, false, nullptr); }  // the watcher is brought up to date
 
@@ -302,7 +268,7 @@ int main(int argc, char** argv) {
   }
 
   out.Section("A procedure changes the dataset under write access");
-  out.Event("watcher's copy before: " + copy.Describe());
+  out.Event("watcher's copy before: " + Describe(watcher.copy.Dictionary()));
   watcher.printing = true;
   {
     SvrDMWriteableDataSource writer(id, false, nullptr);
@@ -323,16 +289,23 @@ int main(int argc, char** argv) {
     int const split[] = {1};
     live.SetSplit(1, split, true);
     live.SetLabel("Cleaned copy");
-    out.Event("live dictionary after the edits: " + DescribeLive(live));
+    out.Event("live dictionary after the edits: " + Describe(live));
   }
   watcher.printing = false;
+  out.Event("watcher's copy after:  " + Describe(watcher.copy.Dictionary()));
+  out.Event(watcher.Check(id));
+
+  out.Section("A second client joins late and goes on from what the first was told");
+  DatasetWatcher late(out);
+  late.Join(id);
   {
-    SvrDMInputDataSource reader(id, false);
-    std::string const live = DescribeLive(*reader);
-    out.Event("watcher's copy after:  " + copy.Describe());
-    out.Event(copy.Describe() == live ? "the copy equals the live dictionary"
-                                      : "THE COPY DIFFERS from " + live);
+    SvrDMWriteableDataSource writer(id, false, nullptr);
+    writer->SetLabel("Final copy");
   }
+  out.Event("late client's copy: " + Describe(late.copy.Dictionary()));
+  out.Event("late client: " + late.Check(id));
+  out.Event("first client: " + watcher.Check(id));
+  SvrDMDataset(id).Unregister(late);
 
   out.Section("The data file is touched behind the server's back");
   out.Event(std::string("changed before: ") +

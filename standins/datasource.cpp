@@ -126,6 +126,19 @@ QUOR_DataSource::QUOR_DataSource(QUOR_DataSource const* parent)
 
 QUOR_DataSource::~QUOR_DataSource() = default;
 
+LocallyUniqueID QUOR_DataSource::NewVariableID() {
+  constexpr uint32_t kVariableGroup = 1;
+  constexpr uint64_t kLastSerial = 0xFFFFFFFu;
+  // Wider than a serial, so that calls after the last one keep failing
+  // instead of wrapping round to serials handed out before.
+  static std::atomic<uint64_t> next{1};
+  uint64_t const serial = next.fetch_add(1, std::memory_order_relaxed);
+  if (serial > kLastSerial) {
+    throw std::overflow_error("NewVariableID: every variable identifier of the process is spent");
+  }
+  return LocallyUniqueID(kVariableGroup, static_cast<uint32_t>(serial));
+}
+
 ObsIterator* QUOR_DataSource::MakeIterator(OBS* obs) const {
   if (obs == nullptr) throw std::invalid_argument("MakeIterator: no row to fill");
   return new NoRowsIter();

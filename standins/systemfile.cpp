@@ -56,10 +56,7 @@ SystemFileDataSource::SystemFileDataSource(std::string const& path) : QUOR_DataS
   auto table = std::make_shared<Table>();
   table->width = csv.names.size();
   for (std::size_t column = 0; column < csv.names.size(); ++column) {
-    // Identifiers come from the column order of the file: unique within this
-    // source, which is all a dictionary asks.
-    MakeVariable(QUOR_Variable(LocallyUniqueID(0, static_cast<uint32_t>(column)), csv.names[column],
-                               ColumnType(csv.rows, column)),
+    MakeVariable(QUOR_Variable(NewVariableID(), csv.names[column], ColumnType(csv.rows, column)),
                  nullptr);
   }
   table->rows = std::move(csv.rows);

@@ -156,6 +156,16 @@ TEST(SystemFileTest, SampleFilesOpenWithTypedVariablesAndTheirRowCounts) {
   EXPECT_EQ(trial.RowCount(), 4);
 }
 
+TEST(SystemFileTest, ColumnsTakeVariableIdentifiersUniqueInTheProcess) {
+  LocallyUniqueID const first = QUOR_DataSource::NewVariableID();
+  SystemFileDataSource a(SDM_EXAMPLES_DATA_DIR "/trial.csv"), b(SDM_EXAMPLES_DATA_DIR "/trial.csv");
+  // Group 1, never read as a dataset of group 0; each serial once.
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_EQ(a.GetVariable(i).GetID(), LocallyUniqueID(1, first.serial + 1 + i));
+    EXPECT_EQ(b.GetVariable(i).GetID(), LocallyUniqueID(1, first.serial + 5 + i));
+  }
+}
+
 TEST(SystemFileTest, QuotesLineEndsBlankLinesAndTypesAreReadAsWritten) {
   ScratchDir dir;
   SystemFileDataSource source(dir.Write("q.csv",

@@ -2,9 +2,10 @@
 // of operations: every way of adding, replacing under an identifier,
 // deleting, handles left for other threads to copy and drop, read accesses,
 // write accesses editing at random or swapping the source, try-writers that
-// meet 55, registry and dataset observers coming and going. Each dataset's
-// first observer keeps a watcher model that must equal the live dictionary
-// at every pass. Run it under the thread sanitizer; by hand, longer:
+// meet 55, registry and dataset observers coming and going, clients joining
+// datasets late. Each dataset's first observer, and each late client, keeps
+// a client copy that must equal the live dictionary at every pass. Run it
+// under the thread sanitizer; by hand, longer:
 //   SDM_SOAK_SEED=7 sdm_soak_tests --soak-ops=5000000
 #include <deque>
 #include <future>
@@ -18,7 +19,6 @@
 #include "ServerDataManager.h"
 #include "support/scratchdir.h"
 #include "support/tracked_source.h"
-#include "support/watcher_model.h"
 
 namespace {
 
@@ -50,19 +50,18 @@ struct RegistryNumbering : ServerDataManagerObserver, Numbering {
   long created = 0, deleted = 0;
 };
 
-// A dataset's watcher: its model must equal the live dictionary after each pass.
+// A dataset's watcher: its copy must equal the live dictionary after each
+// pass. The file path is left out: the soak's sources rest on no data file.
 struct Watcher : SvrDMDataSetObserver, Numbering {
   void DataSetChanged(SvrDMWriteableDataSource const* writer) override {
     DataFreeDataSource none;  // what a dataset without a source reads as
     QUOR_DataSource* live = writer->GetDataSource();
-    std::string why;
-    if (!model.Apply(writer->GetNotifications(), &why) ||
-        !model.Matches(live ? *live : none, &why, false)) {
-      if (mismatches++ == 0) error = why;
-    }
+    std::string why = copy.Apply(writer->GetNotifications());
+    if (why.empty()) why = copy.Differences(live ? *live : none, false);
+    if (!why.empty() && mismatches++ == 0) error = why;
     Count(static_cast<long>(writer->GetNotifications().size()));
   }
-  WatcherModel model;
+  SvrDMClientCopy copy;
   std::string error;
   long mismatches = 0;
 };
@@ -128,10 +127,10 @@ class Soak {
     }
     std::printf(
         "[ soak      ] seed %u: %d threads, %ld operations, %ld writes, %ld try-writers met 55, "
-        "%ld registry notices, %ld passes checked against the watcher model, %ld heard by "
-        "recorders\n",
-        gSeed, kThreads, gOperations, writes_.load(), busy_.load(), notices_.passes.load(), passes,
-        heard);
+        "%ld registry notices, %ld late joins, %ld passes checked against a client copy, %ld "
+        "heard by recorders\n",
+        gSeed, kThreads, gOperations, writes_.load(), busy_.load(), notices_.passes.load(),
+        lateJoins_.load(), passes, heard);
     EXPECT_GT(heard, 0);
   }
 
@@ -158,6 +157,8 @@ class Soak {
   }
 
   void Work(int thread, Recorder& onRegistry, Recorder& onDataset) {
+    Watcher* late = nullptr;  // this thread's late client, while registered
+    SvrDMItemPtr lateItem;
     std::mt19937 random(gSeed * 7919u + static_cast<uint32_t>(thread));
     auto below = [&random](int n) { return static_cast<int>(random() % static_cast<uint32_t>(n)); };
     uint32_t serial = static_cast<uint32_t>(thread + 1) << 22;  // variables of this thread's own
@@ -195,6 +196,8 @@ class Soak {
         ToggleOnRegistry(onRegistry);
       } else if (choice < 42) {
         ToggleOnDataset(onDataset, Find(slot, box));
+      } else if (choice < 45) {
+        ToggleLate(late, lateItem, Find(slot, box));
       } else if (choice < 60) {  // the dictionary holds still under a read access
         SvrDMItemPtr item = Find(slot, box);
         if (!item.IsValid()) continue;
@@ -208,6 +211,7 @@ class Soak {
     }
     if (onRegistry.numbering != nullptr) ToggleOnRegistry(onRegistry);
     if (onDataset.numbering != nullptr) ToggleOnDataset(onDataset, nullptr);
+    if (late != nullptr) ToggleLate(late, lateItem, nullptr);
   }
 
   template <typename Below, typename Chain>
@@ -294,6 +298,28 @@ class Soak {
     watcherOf_[{item.get(), item->caseSequence}] = watcher;
   }
 
+  // A client that joins an open dataset at any point of its life: seeded
+  // from what its watchers were told and registered under one read access,
+  // it must agree with the live dictionary at every pass from then on.
+  void ToggleLate(Watcher*& late, SvrDMItemPtr& lateItem, SvrDMItemPtr item) {
+    if (late != nullptr) {
+      lateItem->Unregister(*late);
+      late = nullptr;
+      lateItem = nullptr;
+      return;
+    }
+    if (!item.IsValid()) return;
+    {
+      std::lock_guard<std::mutex> lock(watchersMutex_);
+      late = watchers_.emplace_back(new Watcher).get();
+    }
+    SvrDMInputDataSource reader(item, false);
+    late->copy.Seed(*item);
+    item->Register(*late);
+    lateItem = item;
+    ++lateJoins_;
+  }
+
   Watcher* WatcherOf(SvrDMItemPtr const& item) {
     std::lock_guard<std::mutex> lock(watchersMutex_);
     auto found =
@@ -325,7 +351,8 @@ class Soak {
   RegistryNumbering notices_;
   std::vector<std::atomic<uint32_t>> slots_;
   std::vector<std::pair<std::mutex, SvrDMItemPtr>> boxes_;
-  std::atomic<long> writes_{0}, busy_{0}, announced_{0}, announcedWithSource_{0}, reuses_{0};
+  std::atomic<long> writes_{0}, busy_{0}, announced_{0}, announcedWithSource_{0}, reuses_{0},
+      lateJoins_{0};
 };
 
 TEST(Soak, ManyThreadsOnOneRegistryLoseNothing) {

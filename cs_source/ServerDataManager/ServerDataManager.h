@@ -13,7 +13,9 @@
 
 #include "ObserverView.h"
 #include "bootstrapspecs.h"
+#include "clientcopy.h"
 #include "errormonitor.h"
+#include "failures.h"
 #include "handles.h"
 #include "registry.h"
 #include "svrdmitem.h"

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <exception>
 
+#include "failures.h"
 #include "registry.h"
 
 // --- SvrDMDataset -------------------------------------------------------------
@@ -61,18 +62,13 @@ InteractiveErrorMonitor* SvrDMDataset::GetErrorMonitor() { return item_->GetErro
 
 // --- SvrDMInputDataSource -----------------------------------------------------
 
-namespace {
-// What a failed try for an access lock throws.
-constexpr int kLockNotAvailable = 55;
-}  // namespace
-
 // The lock stays held when this returns: the object's end releases it.
 // Inline in each read constructor: a read access is meant to cost little
 // more than the lock itself.
 inline void SvrDMInputDataSource::TakeReadLock(bool tryOnly) SDM_NO_THREAD_SAFETY_ANALYSIS {
   // If this throws, only the handle part is destroyed: this object's end
   // does not run, and nothing has been taken or counted.
-  if (!item_->AcquireReadLock(tryOnly)) throw kLockNotAvailable;
+  if (!item_->AcquireReadLock(tryOnly)) throw kSvrDMLockNotAvailable;
   held_ = Held::kRead;
   // Counted once held: a reader still waiting is not a reader yet.
   item_->readersCount.fetch_add(1, std::memory_order_relaxed);
@@ -158,7 +154,7 @@ void SvrDMWriteableDataSource::TakeWriteLock(bool tryOnly) SDM_NO_THREAD_SAFETY_
   }
   if (!held) {
     item_->writersCount.fetch_sub(1, std::memory_order_relaxed);
-    throw kLockNotAvailable;
+    throw kSvrDMLockNotAvailable;
   }
   held_ = Held::kWrite;
 }

@@ -9,6 +9,7 @@
 
 #include "datasource.h"
 #include "errormonitor.h"
+#include "failures.h"
 #include "handles.h"
 
 struct ServerDataManager::Data {
@@ -230,7 +231,7 @@ void ServerDataManager::Data::RemoveAt(std::size_t index) {
 SvrDMItemPtr ServerDataManager::GetDataSet(LocallyUniqueID const& id) const {
   CriticalSection::Lock lock(data_->registryLock);
   auto found = data_->Find(Data::LUIDMatch{id});
-  if (found == data_->items.end()) throw ErrorMsg(2001, std::string());
+  if (found == data_->items.end()) throw ErrorMsg(kSvrDMUnknownDataSet, std::string());
   return *found;
 }
 

@@ -5,10 +5,13 @@
 
 #include "ServerDataManager.h"
 
-struct Watcher : SvrDMDataSetObserver {  // a client's view of one dataset
+struct Client : SvrDMDataSetObserver {  // one client of a dataset
   void DataSetChanged(SvrDMWriteableDataSource const* access) override {
     for (DataSetMsg const* message : access->GetNotifications()) std::cout << *message << "\n";
+    std::string const refused = copy.Apply(access->GetNotifications());
+    if (!refused.empty()) std::cerr << refused << "\n";
   }
+  SvrDMClientCopy copy;  // its own copy of the dictionary, kept from the messages
 };
 
 int main(int argc, char** argv) {
@@ -16,19 +19,27 @@ int main(int argc, char** argv) {
   ServerDataManager& registry = ServerDataManager::GetInstance();
   auto* source = new SystemFileDataSource(file);  // the registry takes ownership
   LocallyUniqueID id = registry.Add(*source, file, /*silent=*/false);
-  Watcher watcher;
-  SvrDMDataset(id).Register(watcher);
-  {
+  Client client;
+  SvrDMDataset(id).Register(client);
+  std::string differences = "not compared";
+  try {
+    {
+      SvrDMWriteableDataSource writer(id, /*tryOnly=*/false, nullptr);  // write lock
+      writer->GetVariable(0).SetName("respondent");  // change it; announce nothing
+    }  // compared with the snapshot here: the client's first pass tells it the
+       // whole dictionary (an InsertVarsMsg a variable), later ones what changed
     SvrDMInputDataSource reader(id, /*tryOnly=*/false);  // shared read lock
     std::cout << reader->ColumnCount() << " variables\n";
+    differences = client.copy.Differences(*reader);
+  } catch (...) {  // ErrorMsg 2001, int 55, or what a data source threw
+    std::cerr << SvrDMDescribeFailure(id) << "\n";
   }
-  {
-    SvrDMWriteableDataSource writer(id, /*tryOnly=*/false, nullptr);  // write lock
-    writer->GetVariable(0).SetName("respondent");                     // change it; announce nothing
-  }  // compared with the snapshot here: the watcher's first pass tells it the
-     // whole dictionary (an InsertVarsMsg a variable), later ones what changed
-  SvrDMDataset(id).Unregister(watcher);
+  SvrDMDataset(id).Unregister(client);
   registry.Delete(id);
+  if (!differences.empty()) {
+    std::cerr << "consumer: the client's copy differs: " << differences << "\n";
+    return 1;
+  }
   std::cout << "consumer: installed package works\n";
   return 0;
 }
