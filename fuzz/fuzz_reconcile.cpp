@@ -1,5 +1,5 @@
 // Reads its input as a script of dictionary edits and ends of write access
-// on one dataset. After every access the watcher's model, built only from
+// on one dataset. After every access the watcher's client copy, built only from
 // the messages it was shown, must equal the live dictionary; the variable
 // messages of a pass must be those of the plain procedure; and an access
 // that changes nothing must show it nothing. Where the build can replace
@@ -16,8 +16,7 @@
 #include <vector>
 
 #include "ServerDataManager.h"
-#include "support/literal_oracle.h"
-#include "support/watcher_model.h"
+#include "support/queues.h"
 #ifdef SDM_FAULTS
 #include "support/failing_new.h"
 #endif
@@ -65,12 +64,11 @@ class CheckingWatcher : public SvrDMDataSetObserver {
       for (std::string const& line : expected) detail += "\n  expected " + line;
       Finding("variable messages differ from the plain procedure's", detail, queue);
     }
-    std::string error;
-    if (!model.Apply(queue, &error) || !model.Matches(*access->GetDataSource(), &error)) {
-      Finding("watcher diverged", error, queue);
-    }
+    std::string error = client.Apply(queue);
+    if (error.empty()) error = client.Differences(*access->GetDataSource());
+    if (!error.empty()) Finding("watcher diverged", error, queue);
   }
-  WatcherModel model;
+  SvrDMClientCopy client;
   int passes = 0;
   bool checkVariables = false;
   std::vector<std::string> expected;
@@ -187,8 +185,9 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
     watcher.checkVariables = item->notifications.empty();
     if (watcher.checkVariables) {
       // With nothing left over, the watcher holds what the snapshot holds.
-      watcher.expected = LiteralVariableStage(
-          watcher.model.variables, VariablesOf(*item->dataSource), bulk, id, item->caseSequence);
+      watcher.expected =
+          LiteralVariableStage(VariablesOf(watcher.client.Dictionary()),
+                               VariablesOf(*item->dataSource), bulk, id, item->caseSequence);
     }
     bool failed = false;
 #ifdef SDM_FAULTS
@@ -208,10 +207,9 @@ extern "C" int LLVMFuzzerTestOneInput(uint8_t const* data, size_t size) {
       // The failed pass's messages wait in the queue; this access delivers
       // them with whatever is still different, and the watcher checks.
       { SvrDMWriteableDataSource next(registry, id, false, nullptr); }
-      std::string error;
-      if (!watcher.model.Matches(*item->dataSource, &error)) {
+      std::string const error = watcher.client.Differences(*item->dataSource);
+      if (!error.empty())
         Finding("watcher diverged after a failed pass", error, item->notifications);
-      }
     }
     int const passes = watcher.passes;
     { SvrDMWriteableDataSource quiet(registry, id, false, nullptr); }

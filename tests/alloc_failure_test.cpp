@@ -24,7 +24,6 @@
 #include "support/failing_new.h"
 #include "support/scratchdir.h"
 #include "support/tracked_source.h"
-#include "support/watcher_model.h"
 
 namespace {
 
@@ -59,11 +58,10 @@ struct Watcher : SvrDMDataSetObserver {
   void DataSetChanged(SvrDMWriteableDataSource const* access) override {
     failing_new::Pause pause;
     ++count;
-    std::string error;
-    EXPECT_TRUE(model.Apply(access->GetNotifications(), &error)) << error;
+    EXPECT_EQ(client.Apply(access->GetNotifications()), "");
   }
   int count = 0;
-  WatcherModel model;
+  SvrDMClientCopy client;
 };
 // Keeps a clone of every message; a failure leaves it as it was.
 struct KeepingProxy : PackageProxy {
@@ -247,8 +245,7 @@ void CheckEnd(World& w, bool threw) {
   if (threw) {
     SvrDMWriteableDataSource next(w.item, false, nullptr);
   }
-  std::string error;
-  EXPECT_TRUE(w.watcher.model.Matches(*w.source, &error)) << error;
+  EXPECT_EQ(w.watcher.client.Differences(*w.source), "");
   int const passes = w.watcher.count;
   { SvrDMWriteableDataSource quiet(w.item, false, nullptr); }
   EXPECT_EQ(w.watcher.count, passes) << "a quiet access was shown messages";

@@ -6,8 +6,8 @@
 
 #include "ServerDataManager.h"
 #include "support/counting_source.h"
+#include "support/queues.h"
 #include "support/scratchdir.h"
-#include "support/watcher_model.h"
 
 namespace {
 

@@ -9,8 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
-#include "support/literal_oracle.h"
-#include "support/watcher_model.h"
+#include "support/queues.h"
 
 namespace {
 
@@ -60,9 +59,8 @@ class ObserverViewTest : public ::testing::Test {
     if (fresh) {
       EXPECT_EQ(VariableLines(item->notifications), expected);
     }
-    std::string error;
-    EXPECT_TRUE(model.Apply(item->notifications, &error)) << error;
-    EXPECT_TRUE(model.Matches(*source, &error)) << error;
+    EXPECT_EQ(client.Apply(item->notifications), "");
+    EXPECT_EQ(client.Differences(*source), "");
     return Take();
   }
   // The queue as lines, emptied.
@@ -94,7 +92,7 @@ class ObserverViewTest : public ::testing::Test {
   bool bulk = false;
   TestSource* source = new TestSource;  // owned by the item
   SvrDMItemPtr item{new SvrDMItem(Id('Z'), source, nullptr, 5, "", true)};
-  WatcherModel model;
+  SvrDMClientCopy client;
 };
 
 TEST_F(ObserverViewTest, VariableDifferencesGiveExactlyTheirMessages) {
@@ -242,8 +240,7 @@ TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
   source->throwOnRowCount = true;
   EXPECT_THROW(item->observerView.Update(), std::runtime_error);
   // The variable stage had finished: its messages stay queued.
-  std::string error;
-  ASSERT_TRUE(model.Apply(item->notifications, &error)) << error;
+  ASSERT_EQ(client.Apply(item->notifications), "");
   EXPECT_EQ(Take(), (Lines{"Move 1 -> 0", "Insert [C] before none"}));
   source->throwOnRowCount = false;
   EXPECT_EQ(Update(), Lines{"ResetClient 6"});

@@ -1,10 +1,11 @@
-// The variable stage of a snapshot update written out plainly: a linear
-// search from each live position, a sweep of the gap one position at a
-// time, one move a pass, editing a list as it goes. Slow and obviously
-// right, it is the reference the library's stage is checked against,
-// message for message.
-#ifndef SDM_TESTS_SUPPORT_LITERAL_ORACLE_H
-#define SDM_TESTS_SUPPORT_LITERAL_ORACLE_H
+// Queues as tests read them: short lines to compare whole queues with, and
+// the variable stage of a snapshot update written out plainly (a linear
+// search from each live position, a sweep of the gap one position at a time,
+// one move a pass, editing a list as it goes). Slow and obviously right, the
+// latter is the reference the library's stage is checked against, message
+// for message.
+#ifndef SDM_TESTS_SUPPORT_QUEUES_H
+#define SDM_TESTS_SUPPORT_QUEUES_H
 
 #include <cstdint>
 #include <string>
@@ -26,4 +27,9 @@ std::vector<QUOR_Variable> VariablesOf(QUOR_DataSource const& source);
 // modifies) that stand in `queue` from position `from` on.
 std::vector<std::string> VariableLines(std::vector<DataSetMsg*> const& queue, std::size_t from = 0);
 
-#endif  // SDM_TESTS_SUPPORT_LITERAL_ORACLE_H
+// One short line per message, e.g. "Insert [X] before B", "Move 3 -> 0",
+// "Modify A", "Weight A", "Extension 7". Serial k of group 0 reads as the
+// k-th capital letter, as the tests build variables.
+std::vector<std::string> DescribeQueue(std::vector<DataSetMsg*> const& queue);
+
+#endif  // SDM_TESTS_SUPPORT_QUEUES_H
