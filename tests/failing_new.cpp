@@ -2,6 +2,8 @@
 // it. Every block comes from malloc and goes back to free, so a sanitizer
 // that intercepts malloc still sees all of them: under g++ the runtime is a
 // shared library, and a definition in the executable takes precedence.
+#include <malloc.h>
+
 #include <atomic>
 #include <cstdlib>
 #include <new>
@@ -14,6 +16,7 @@ namespace {
 thread_local bool tArmed = false, tPersistent = false;
 thread_local long tFailAt = 0, tCounted = 0, tFailed = 0;
 thread_local std::size_t tLargest = 0;
+thread_local long tHeld = 0;
 std::atomic<long> gLive{0};
 
 bool ShouldFail(std::size_t size) {
@@ -25,22 +28,29 @@ bool ShouldFail(std::size_t size) {
   return fail;
 }
 
+// The C library's size of each block counts as held, asked on the way in
+// and on the way out, so that what is freed cancels what was taken.
 void* Allocate(std::size_t size, bool nothrow) {
   void* block = ShouldFail(size) ? nullptr : std::malloc(size == 0 ? 1 : size);
   if (block == nullptr && !nothrow) throw std::bad_alloc();
-  if (block != nullptr) ++gLive;
+  if (block != nullptr) {
+    ++gLive;
+    if (tArmed) tHeld += static_cast<long>(malloc_usable_size(block));
+  }
   return block;
 }
 
 void Release(void* block) noexcept {
-  if (block != nullptr) --gLive;
+  if (block == nullptr) return;
+  --gLive;
+  if (tArmed) tHeld -= static_cast<long>(malloc_usable_size(block));
   std::free(block);
 }
 }  // namespace
 
 namespace failing_new {
 void Arm(long k, bool persistent) {
-  tCounted = tFailed = 0;
+  tCounted = tFailed = tHeld = 0;
   tLargest = 0;
   tFailAt = k;
   tPersistent = persistent;
@@ -56,6 +66,7 @@ Pause::~Pause() { tArmed = armed_; }
 long Counted() { return tCounted; }
 long Failed() { return tFailed; }
 std::size_t LargestRequest() { return tLargest; }
+long HeldBytes() { return tHeld; }
 long LiveBlocks() { return gLive; }
 }  // namespace failing_new
 

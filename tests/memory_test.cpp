@@ -1,93 +1,29 @@
 // What the snapshot costs in memory, and that reconciling an unchanged
-// dictionary costs no allocation. This file replaces the global allocator
-// with a counting one, so it is built into a binary of its own
-// (sdm_memory_tests) and never linked with the other tests.
-#include <malloc.h>
-
-#include <atomic>
-#include <cstddef>
-#include <cstdlib>
-#include <new>
+// dictionary costs no allocation: counted through the replaced operator new
+// of the allocation-failure binary, which this file is built into.
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
+#include "support/failing_new.h"
 
 namespace {
 
-// Counts while armed: calls to operator new, and the heap bytes held, as
-// the C library sizes each block (malloc_usable_size, asked on the way in
-// and on the way out, so what is freed cancels what was taken).
-std::atomic<bool> gArmed{false};
-std::atomic<long> gNewCalls{0};
-std::atomic<long> gHeldBytes{0};
-
-void* Allocate(std::size_t size) {
-  void* block = std::malloc(size == 0 ? 1 : size);
-  if (block == nullptr) throw std::bad_alloc();
-  if (gArmed.load(std::memory_order_relaxed)) {
-    gNewCalls.fetch_add(1, std::memory_order_relaxed);
-    gHeldBytes.fetch_add(static_cast<long>(malloc_usable_size(block)), std::memory_order_relaxed);
-  }
-  return block;
-}
-
-void Release(void* block) noexcept {
-  if (block == nullptr) return;
-  if (gArmed.load(std::memory_order_relaxed)) {
-    gHeldBytes.fetch_sub(static_cast<long>(malloc_usable_size(block)), std::memory_order_relaxed);
-  }
-  std::free(block);
-}
-
-// Arms the counters for its scope, from zero.
+// Counts this thread's allocations, and the heap bytes they hold, for its
+// scope. Blocks taken before may be freed inside, and the other way round;
+// each such block skews the held total by its size, so the tests count only
+// around work that frees what it took or keeps it all.
 class Counting {
  public:
-  Counting() {
-    gNewCalls = 0;
-    gHeldBytes = 0;
-    gArmed = true;
-  }
-  ~Counting() { gArmed = false; }
+  Counting() { failing_new::Arm(0, false); }
+  ~Counting() { failing_new::Disarm(); }
   Counting(Counting const&) = delete;
   Counting& operator=(Counting const&) = delete;
-
-  // Blocks from operator new, and message blocks from VUGlobal's own
-  // allocator taken and not given back since arming.
-  long calls() const { return gNewCalls.load() + (VUGlobal::LiveBlocks() - messageBlocksAtStart_); }
-  long heldBytes() const { return gHeldBytes.load(); }
-
- private:
-  long const messageBlocksAtStart_ = VUGlobal::LiveBlocks();
+  long calls() const { return failing_new::Counted(); }
+  long heldBytes() const { return failing_new::HeldBytes(); }
 };
-
-}  // namespace
-
-// Blocks taken before arming may be freed while armed, and the other way
-// round; each such block skews the held total by its size. The tests below
-// arm only around work that frees what it took or keeps it all.
-void* operator new(std::size_t size) { return Allocate(size); }
-void* operator new[](std::size_t size) { return Allocate(size); }
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
-  try {
-    return Allocate(size);
-  } catch (std::bad_alloc const&) {
-    return nullptr;
-  }
-}
-void* operator new[](std::size_t size, std::nothrow_t const& tag) noexcept {
-  return operator new(size, tag);
-}
-void operator delete(void* block) noexcept { Release(block); }
-void operator delete[](void* block) noexcept { Release(block); }
-void operator delete(void* block, std::size_t) noexcept { Release(block); }
-void operator delete[](void* block, std::size_t) noexcept { Release(block); }
-void operator delete(void* block, std::nothrow_t const&) noexcept { Release(block); }
-void operator delete[](void* block, std::nothrow_t const&) noexcept { Release(block); }
-
-namespace {
 
 constexpr int kVariables = 10000;
 

@@ -15,6 +15,8 @@ void Disarm();
 long Counted();  // since Arm, failed ones included
 long Failed();
 std::size_t LargestRequest();
+// Heap bytes of the global operator new taken and not given back while armed.
+long HeldBytes();
 // Holds off counting and failing on this thread for its lifetime: for work
 // that belongs to the test, such as a client applying what it was shown.
 class Pause {
