@@ -637,21 +637,23 @@ void SvrDMObserverView::Data::CommitVariables(QUOR_DataSource& live, VariablePla
 void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
   uint32_t const n = view.ColumnCount();
   uint32_t const m = live.ColumnCount();
+  std::vector<QUOR_Variable> fresh;
+  fresh.reserve(m);
+  for (uint32_t i = 0; i < m; ++i) fresh.push_back(live.GetVariable(static_cast<int>(i)));
   {
     // A list with an identifier twice would pass into the snapshot, whose
     // later comparisons rely on identifiers being unique.
     IdentifierIndex seen(m);
     for (uint32_t i = 0; i < m; ++i) {
-      LocallyUniqueID const id = live.GetVariable(static_cast<int>(i)).GetID();
+      LocallyUniqueID const id = fresh[i].GetID();
       if (seen.FindOrAdd(id.ToWord(), i) != IdentifierIndex::kAbsent) RefuseDuplicate(id, i);
     }
   }
   std::vector<QUOR_Variable> old;
   old.reserve(n);
-  std::vector<QUOR_Variable> fresh;
-  fresh.reserve(m);
-  for (uint32_t i = 0; i < m; ++i) fresh.push_back(live.GetVariable(static_cast<int>(i)));
   MessagePtr insert = Build<InsertVarsMsg>(fresh, kNoVariable);
+  // The message holds the live list now, whether it copied it or took it.
+  std::vector<QUOR_Variable> const& inserted = static_cast<InsertVarsMsg&>(*insert).GetVariables();
   std::vector<DataSetMsg*>& queue = pItem->notifications;
   MakeRoom(queue, 2);
 
@@ -659,17 +661,20 @@ void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
   // and is undone on failure.
   uint32_t added = 0;
   try {
-    for (; n + added < m; ++added)
-      view.MakeVariable(live.GetVariable(static_cast<int>(n + added)), nullptr);
+    for (; n + added < m; ++added) view.MakeVariable(inserted[n + added], nullptr);
   } catch (...) {
     if (added > 0) view.DeleteVariables(static_cast<int>(n), static_cast<int>(n + added - 1));
     throw;
   }
-  // The snapshot's handles pass to the message rather than being copied and
-  // then dropped: two atomic operations a variable saved. Building it can
-  // fail only in its allocation, before the list is taken; the handles then
-  // go back.
-  for (uint32_t i = 0; i < n; ++i) old.push_back(std::move(view.GetVariable(static_cast<int>(i))));
+  // Each place of the snapshot is visited once: its handle passes to the
+  // message rather than being copied and then dropped, and the live one
+  // takes its place. Building the message can fail only in its allocation,
+  // before the list is taken; the old handles then go back.
+  for (uint32_t i = 0; i < n; ++i) {
+    QUOR_Variable& place = view.GetVariable(static_cast<int>(i));
+    old.push_back(std::move(place));
+    if (i < m) place = inserted[i];
+  }
   MessagePtr remove;
   try {
     remove = Build<DeleteVarsMsg>(std::move(old));
@@ -678,8 +683,6 @@ void SvrDMObserverView::Data::ReplaceVariables(QUOR_DataSource& live) {
     if (added > 0) view.DeleteVariables(static_cast<int>(n), static_cast<int>(n + added - 1));
     throw;
   }
-  for (uint32_t i = 0; i < std::min(n, m); ++i)
-    view.GetVariable(static_cast<int>(i)) = live.GetVariable(static_cast<int>(i));
   if (n > m) view.DeleteVariables(static_cast<int>(m), static_cast<int>(n - 1));
   queue.push_back(remove.release());
   queue.push_back(insert.release());
