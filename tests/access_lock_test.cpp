@@ -57,9 +57,9 @@ class AccessLockTest : public ::testing::Test {
     EXPECT_EQ(item_->readersCount, readers);
   }
 
-  std::atomic<int> destroyed_{0};
+  std::vector<std::string> destroyed_;
   ServerDataManager registry_;
-  LocallyUniqueID id_ = registry_.Add(*new ProbeSource(&destroyed_), "", false);
+  LocallyUniqueID id_ = registry_.Add(*TrackedSource::Chain(&destroyed_, {"s"}), "", false);
   SvrDMItemPtr item_ = registry_.GetDataSet(id_);
   Gate holding_;
   int held_ = 0;
@@ -186,10 +186,10 @@ TEST_F(AccessLockTest, DeleteFromAnotherThreadLeavesALiveReadAccessValid) {
   item_ = nullptr;
   registry_.Delete(id_);
   EXPECT_THROW(registry_.GetDataSet(id_), ErrorMsg);
-  EXPECT_EQ(destroyed_, 0);
+  EXPECT_TRUE(destroyed_.empty());
   deleted.Arrive();
   reader.join();
-  EXPECT_EQ(destroyed_, 1);
+  EXPECT_EQ(destroyed_.size(), 1u);
 }
 
 }  // namespace

@@ -28,10 +28,9 @@ class NotifyTest : public ::testing::Test {
     }
   }
 
-  std::atomic<int> sourcesDestroyed_{0};
   int messagesDestroyed_ = 0;
   ServerDataManager registry_;
-  LocallyUniqueID id_ = registry_.Add(*new ProbeSource(&sourcesDestroyed_), "", false);
+  LocallyUniqueID id_ = registry_.Add(*new TrackedSource, "", false);
   SvrDMItemPtr item_ = Item(id_);
   Log log_;
   Listener a_{"A", &log_};
@@ -90,7 +89,7 @@ TEST_F(NotifyTest, WriteAccessCountsOneWriterAndNoReaderAndHoldsTheLockUntilObse
 }
 
 TEST_F(NotifyTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
-  SvrDMItemPtr announced = Item(registry_.Add(*new ProbeSource(&sourcesDestroyed_), "", false));
+  SvrDMItemPtr announced = Item(registry_.Add(*new TrackedSource, "", false));
   SvrDMItemPtr silent = Item(registry_.AddEmpty(true));
   SvrDMItemPtr creationDue = Item(registry_.AddEmpty(false));
   for (SvrDMItemPtr item : {announced, silent, creationDue}) Write(item, {});
@@ -140,7 +139,7 @@ TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) 
   Write(item, {"m1"});  // a message but no source: the notice waits
   {                     // a source that reads like the empty snapshot: nothing queued, no notice
     SvrDMWriteableDataSource writer(item, false, nullptr);
-    writer.SetDataSet(new ProbeSource(&sourcesDestroyed_));
+    writer.SetDataSet(new TrackedSource);
   }
   EXPECT_EQ(log_, (Log{"A: m1"}));
   Write(item, {"m2"});  // the registry hears before the dataset's observers

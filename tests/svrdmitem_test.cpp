@@ -6,7 +6,7 @@
 
 #include "ServerDataManager.h"
 #include "support/access_probes.h"
-#include "support/counting_source.h"
+#include "support/tracked_source.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirst) {
   long const blocksBefore = VUGlobal::LiveBlocks();
   {
     SvrDMItemPtr item(
-        MakeItem(LocallyUniqueID(0, 1), CountingSource::Chain(&log, {"head", "middle", "root"})));
+        MakeItem(LocallyUniqueID(0, 1), TrackedSource::Chain(&log, {"head", "middle", "root"})));
     item->notifications.push_back(new ProbeMessage("queued", &destroyed));
     item->notifications.push_back(nullptr);
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());
