@@ -58,21 +58,14 @@ TEST(SfMutexRWTest, UnlockReleasesWhicheverAccessIsHeld) {
 TEST(PlatformTest, CaseBlindNamesAndDatesWithTheirRefusals) {
   EXPECT_EQ(QUORMBstricmp_A("Data.CSV", "data.csv"), 0);
   EXPECT_NE(QUORMBstricmp_A("data", "data.csv"), 0);
-  struct Case {
-    long day, month, year, hour, minute;
-    double second;
-    int result;
-    double value;
-  };
   double value = -1;
-  for (Case const& c :
-       {Case{1, 1, 1970, 0, 0, 0.0, 0, 0.0}, Case{29, 2, 2000, 23, 59, 59.5, 0, 951868799.5},
-        Case{31, 12, 1969, 0, 0, 0.0, 0, -86400.0},
-        Case{29, 2, 1900, 0, 0, 0.0, 1, -86400.0},  // not a leap year
-        Case{1, 13, 2000, 0, 0, 0.0, 1, -86400.0}}) {
-    EXPECT_EQ(iDMY2Quor(c.day, c.month, c.year, c.hour, c.minute, c.second, &value), c.result);
-    EXPECT_EQ(value, c.value) << c.day << "." << c.month << "." << c.year;  // kept when refused
-  }
+  EXPECT_EQ(iDMY2Quor(29, 2, 2000, 23, 59, 59.5, &value), 0);
+  EXPECT_EQ(value, 951868799.5);
+  EXPECT_EQ(iDMY2Quor(31, 12, 1969, 0, 0, 0.0, &value), 0);
+  EXPECT_EQ(value, -86400.0);
+  EXPECT_EQ(iDMY2Quor(29, 2, 1900, 0, 0, 0.0, &value), 1);  // not a leap year
+  EXPECT_EQ(iDMY2Quor(1, 13, 2000, 0, 0, 0.0, &value), 1);
+  EXPECT_EQ(value, -86400.0);  // kept when refused
 }
 
 }  // namespace

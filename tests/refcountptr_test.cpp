@@ -1,6 +1,6 @@
-#include <thread>
+// Copies and drops across threads are the soak's: it shares items between
+// threads through these pointers under the thread sanitizer.
 #include <utility>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -78,21 +78,6 @@ TEST_F(RefCountPtrTest, UnsharedCopiesWhileItStillHoldsTheOldTarget) {
   mine->other = &theirs;
   EXPECT_EQ(mine.Unshared()->value, 4);
   EXPECT_EQ(Counted::alive, 1);
-}
-
-TEST_F(RefCountPtrTest, ConcurrentCopiesAndLastDropsBalance) {
-  for (int round = 0; round < 200; ++round) {
-    std::vector<RefCountPtr<Counted>> copies(4, RefCountPtr<Counted>(new Counted(round)));
-    std::vector<std::thread> threads;
-    for (RefCountPtr<Counted>& copy : copies) {
-      threads.emplace_back([&copy] {
-        for (int i = 0; i < 100; ++i) RefCountPtr<Counted> extra(copy);
-        copy = nullptr;
-      });
-    }
-    for (std::thread& t : threads) t.join();
-    ASSERT_EQ(Counted::alive, 0);
-  }
 }
 
 }  // namespace
