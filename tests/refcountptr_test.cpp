@@ -61,23 +61,4 @@ TEST_F(RefCountPtrTest, TakingATargetThatTheOldTargetOwnsKeepsItAlive) {
   }
 }
 
-TEST_F(RefCountPtrTest, UnsharedCopiesWhileItStillHoldsTheOldTarget) {
-  // Another holder may drop its pointer on another thread right after the
-  // check; this record drops it from inside the check, at that very moment.
-  struct Racy : Counted {
-    using Counted::Counted;
-    int IsShared() const {
-      int shared = Counted::IsShared();
-      if (other != nullptr) *std::exchange(other, nullptr) = nullptr;
-      return shared;
-    }
-    mutable RefCountPtr<Racy>* other = nullptr;
-  };
-  RefCountPtr<Racy> mine(new Racy(4));
-  RefCountPtr<Racy> theirs(mine);
-  mine->other = &theirs;
-  EXPECT_EQ(mine.Unshared()->value, 4);
-  EXPECT_EQ(Counted::alive, 1);
-}
-
 }  // namespace

@@ -22,11 +22,8 @@ TEST(SvrDMItemTest, NewItemIsMinimizedAndStampedNow) {
   EXPECT_EQ(item->observerView.RowCountSeen(), -2);
   std::time_t now = std::time(nullptr);
   std::tm local = *std::localtime(&now);
-  double expected = 0;
-  iDMY2Quor(local.tm_mday, local.tm_mon + 1, local.tm_year + 1900, local.tm_hour, local.tm_min,
-            local.tm_sec, &expected);
-  EXPECT_NEAR(item->objCreationTime, expected, 5.0);
-  SvrDMItemPtr blank(new SvrDMItem());  // safe to build and end
+  EXPECT_NEAR(item->objCreationTime, double(timegm(&local)), 5.0);  // local time, seconds from 1970
+  SvrDMItemPtr blank(new SvrDMItem());                              // safe to build and end
   EXPECT_TRUE(blank->dataSetID.IsNone());
 }
 
@@ -39,7 +36,7 @@ TEST(SvrDMItemTest, IdentityComparesBothFieldsGroupFirst) {
   EXPECT_FALSE(*high < *low);
 }
 
-TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirst) {
+TEST(SvrDMItemTest, QueuedMessagesGoWithTheItemAndItsChainGoesHeadFirstOnlyOnce) {
   std::vector<std::string> log;
   int destroyed = 0;
   long const blocksBefore = VUGlobal::LiveBlocks();
@@ -50,10 +47,13 @@ TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirst) {
     item->notifications.push_back(nullptr);
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());  // the first is freed (asan checks)
-  }
+    item->DeleteDataSource();
+    EXPECT_EQ(log, (std::vector<std::string>{"head", "middle", "root"}));
+    EXPECT_EQ(item->dataSource, nullptr);
+  }  // and nothing is deleted twice
   EXPECT_EQ(destroyed, 1);
   EXPECT_EQ(VUGlobal::LiveBlocks(), blocksBefore);
-  EXPECT_EQ(log, (std::vector<std::string>{"head", "middle", "root"}));
+  EXPECT_EQ(log.size(), 3u);
 }
 
 TEST(SvrDMItemDeathTest, CopyingAnItemStopsTheProcess) {
