@@ -130,6 +130,13 @@ TEST(BootstrapRecordTest, IdenticalToComparesDoublesByBitsAndTheAuxLists) {
   // Reading its own form up to the aux index list again changes that list only.
   Specs const prior = Read(PriorForm());
   EXPECT_FALSE(Read(PriorForm().substr(0, 58), prior).IdenticalTo(prior));
+  // The rich form's aux pair is 2.5 in bytes 70 to 77 and 9 in 78 to 81:
+  // either half differing makes another record.
+  for (std::size_t at : {70, 78}) {
+    std::string form = RichForm(false);
+    form[at] ^= 1;
+    EXPECT_FALSE(Read(form).IdenticalTo(Read(RichForm(false)))) << "byte " << at;
+  }
 }
 
 TEST(BootstrapDisplayTest, WholeDefaultTextAndListItems) {

@@ -58,27 +58,6 @@ TEST(DictionaryTest, RefusedEditsLeaveTheDictionaryAsItWas) {
   EXPECT_EQ(Names(source), "af");
 }
 
-TEST(DictionaryTest, WeightFilterAndSplitFollowTheirVariableByIdentifier) {
-  DataFreeDataSource source;
-  Fill(source, "abcde");
-  source.SetWeightVar(2);
-  source.SetFilterVar(3);
-  int const split[] = {4, 1};
-  source.SetSplit(2, split, true);
-  source.DeleteVariables(0, 0);  // everything moves down one
-  EXPECT_EQ(source.GetWeightVarIndex(), 1);
-  EXPECT_EQ(source.GetFilterVariableID(), LocallyUniqueID(0, 3));
-  EXPECT_EQ(source.GetSplitVarIndex(0), 3);
-  EXPECT_EQ(source.GetSplitVarID(1), LocallyUniqueID(0, 1));
-  source.DeleteVariables(2, 3);  // the filter and a split variable go
-  EXPECT_TRUE(source.GetFilterVariableID().IsNone());
-  EXPECT_EQ(source.GetNSplitVars(), 1);
-  source.GetVariable(1) = Var(30, "new");  // replaced under the weight
-  EXPECT_EQ(source.GetWeightVarIndex(), -1);
-  source.SetSplit(0, nullptr, false);
-  EXPECT_EQ(source.GetNSplitVars(), 0);
-}
-
 TEST(SystemFileTest, QuotesLineEndsAndBlankLinesAreReadAsWritten) {
   ScratchDir dir;
   OBS row;

@@ -40,6 +40,9 @@ TEST_F(RegistryTest, IdentifiersCountBySixteenAndAreNeverReused) {
   EXPECT_EQ(registry.Add(*new TrackedSource, "", "pw", true, false).ToWord(), 16u);
   EXPECT_EQ(registry.GetDataSet(LocallyUniqueID(0, 1))->password, "pw");
   EXPECT_TRUE(registry.GetDataSet(LocallyUniqueID(0, 1))->passwordMangled);
+  registry.Password(LocallyUniqueID(0, 1), "new", false);
+  registry.Password(LocallyUniqueID(0, 9), "unknown", false);  // no error
+  EXPECT_EQ(registry.GetDataSet(LocallyUniqueID(0, 1))->password, "new");
   EXPECT_EQ(registry.AddEmpty(false).ToWord(), 32u);
   registry.Delete(LocallyUniqueID(0, 2));
   EXPECT_EQ(Add().ToWord(), 48u);
