@@ -1,6 +1,7 @@
 // The access lock across threads. Threads are ordered with gates; where a
 // thread can only be seen waiting inside the lock, the test waits for the
-// count that the waiter publishes before it asks.
+// count that the waiter publishes before it asks. Many holders and tries at
+// once are the soak's, under the thread sanitizer.
 #include <atomic>
 #include <condition_variable>
 #include <memory>
@@ -57,9 +58,9 @@ class AccessLockTest : public ::testing::Test {
     EXPECT_EQ(item_->readersCount, readers);
   }
 
-  std::atomic<int> destroyed_{0};
+  std::vector<std::string> destroyed_;
   ServerDataManager registry_;
-  LocallyUniqueID id_ = registry_.Add(*new ProbeSource(&destroyed_), "", false);
+  LocallyUniqueID id_ = registry_.Add(*TrackedSource::Chain(&destroyed_, {"s"}), "", false);
   SvrDMItemPtr item_ = registry_.GetDataSet(id_);
   Gate holding_;
   int held_ = 0;
@@ -108,70 +109,6 @@ TEST_F(AccessLockTest, FailedTryLeavesTheHoldersLockAndBothCountersAsTheyWere) {
   }
 }
 
-// Holders come and go on several threads while tries fail. Whoever holds
-// checks what it may rely on, and each breach is counted: a writer is alone
-// and counted, a reader sees no writer inside and itself counted. A failed
-// try gives nothing back, so it never frees a holder's lock; `written`
-// changes under write access alone, so a second writer inside would also be
-// a race for the thread sanitizer. Among writers alone, a writer also sees
-// no reader counted: a failed try never passes for a reader, not even for a
-// moment. (A reader is counted off just after its release, so with readers
-// about a writer may see one leave.)
-TEST_F(AccessLockTest, HoldersSeeOnlyHoldersCountedWhileTriesFailAndHoldersChange) {
-  enum Role { kWaitingWriter, kTryingWriter, kReader };
-  constexpr int kRounds = 20000;
-  std::atomic<int> writersInside{0}, writes{0}, crowdedWriters{0}, phantomReaders{0},
-      uncountedHolders{0}, readersBesideWriter{0}, otherThrows{0};
-  int written = 0;
-  auto write = [&](SvrDMWriteableDataSource const& access) {
-    if (++writersInside != 1) ++crowdedWriters;
-    if (access.ReadersCount() != 0) ++phantomReaders;
-    if (access.WritersCount() < 1) ++uncountedHolders;
-    ++written;
-    ++writes;
-    --writersInside;
-  };
-  auto access = [&](Role role) {
-    if (role == kWaitingWriter)
-      return write(SvrDMWriteableDataSource(registry_, id_, false, nullptr));
-    if (role == kReader) {
-      SvrDMInputDataSource reader(registry_, id_, false);
-      if (writersInside != 0) ++readersBesideWriter;
-      if (reader.ReadersCount() < 1) ++uncountedHolders;
-      return;
-    }
-    try {
-      write(SvrDMWriteableDataSource(registry_, id_, true, nullptr));
-    } catch (int code) {
-      if (code != 55) ++otherThrows;
-    }
-  };
-  for (bool withReaders : {false, true}) {
-    std::vector<Role> roles = {kWaitingWriter, kTryingWriter, kTryingWriter};
-    if (withReaders) roles = {kWaitingWriter, kTryingWriter, kReader, kReader};
-    Gate start;  // all start together, so that their accesses interleave
-    std::vector<std::thread> threads;
-    for (Role role : roles) {
-      threads.emplace_back([&, role] {
-        start.WaitFor();
-        for (int i = 0; i < kRounds; ++i) access(role);
-      });
-    }
-    start.Arrive();
-    for (std::thread& thread : threads) thread.join();
-    if (!withReaders) {
-      EXPECT_EQ(phantomReaders, 0) << "a writer saw a reader counted that held nothing";
-    }
-  }
-  EXPECT_EQ(crowdedWriters, 0) << "two writers held the lock";
-  EXPECT_EQ(readersBesideWriter, 0) << "a reader got in beside a writer";
-  EXPECT_EQ(uncountedHolders, 0);
-  EXPECT_EQ(otherThrows, 0);
-  EXPECT_EQ(written, writes);
-  ExpectCounts(0, 0);
-  EXPECT_EQ(TryWrite(item_), 0);
-}
-
 TEST_F(AccessLockTest, DeleteFromAnotherThreadLeavesALiveReadAccessValid) {
   Gate reading, deleted;
   std::thread reader([&] {
@@ -186,10 +123,10 @@ TEST_F(AccessLockTest, DeleteFromAnotherThreadLeavesALiveReadAccessValid) {
   item_ = nullptr;
   registry_.Delete(id_);
   EXPECT_THROW(registry_.GetDataSet(id_), ErrorMsg);
-  EXPECT_EQ(destroyed_, 0);
+  EXPECT_TRUE(destroyed_.empty());
   deleted.Arrive();
   reader.join();
-  EXPECT_EQ(destroyed_, 1);
+  EXPECT_EQ(destroyed_.size(), 1u);
 }
 
 }  // namespace

@@ -5,9 +5,9 @@
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
-#include "support/counting_source.h"
 #include "support/queues.h"
 #include "support/scratchdir.h"
+#include "support/tracked_source.h"
 
 namespace {
 
@@ -35,7 +35,7 @@ TEST(DataSetChainTest, SetDataSetDeletesExactlyTheSourcesLeftOverHeadFirst) {
     SCOPED_TRACE(std::string(withChain ? "A" : "none") + " -> " + next);
     SetModificationTime(file, 1000);
     Names log;
-    QUOR_DataSource* a = withChain ? CountingSource::Chain(&log, {"A", "B", "C"}) : nullptr;
+    QUOR_DataSource* a = withChain ? TrackedSource::Chain(&log, {"A", "B", "C"}) : nullptr;
     SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(0, 1), a, nullptr, 0, a ? file : "", true));
     item->fileName = file;  // an empty dataset holds no file until it has a source
     QUOR_DataSource* b = a ? a->GetParentSource() : nullptr;
@@ -43,11 +43,8 @@ TEST(DataSetChainTest, SetDataSetDeletesExactlyTheSourcesLeftOverHeadFirst) {
                             : next == "B" ? b
                             : next == "C" ? b->GetParentSource()
                                           : nullptr;
-    if (next == "N") {
-      head = new CountingSource(&log, "N");
-      head->SetParentSource(a);
-    }
-    if (next == "X") head = CountingSource::Chain(&log, {"X", "Y"});
+    if (next == "N") (head = TrackedSource::Chain(&log, {"N"}))->SetParentSource(a);
+    if (next == "X") head = TrackedSource::Chain(&log, {"X", "Y"});
 
     SetModificationTime(file, 1001);
     item->SetDataSet(head);
@@ -72,7 +69,7 @@ TEST(DataSetChainTest, WriteAccessReplacesTheSourceAndResetUndoComesFirst) {
   } watcher;
   ServerDataManager registry;
   Names log;
-  LocallyUniqueID id = registry.Add(*CountingSource::Chain(&log, {"head", "root"}), "", true);
+  LocallyUniqueID id = registry.Add(*TrackedSource::Chain(&log, {"head", "root"}), "", true);
   SvrDMDataset(registry, id).Register(watcher);
   {
     SvrDMWriteableDataSource access(registry, id, false, nullptr);

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
-#include "support/counting_source.h"
+#include "support/tracked_source.h"
 
 namespace {
 
@@ -14,7 +14,7 @@ using Names = std::vector<std::string>;
 
 TEST(CloneDataSourceTest, OnlyTheLastCloneToGoDeletesTheSourceChainHeadFirst) {
   Names destroyed;
-  auto* first = new SvrDMCloneDataSource(CountingSource::Chain(&destroyed, {"head", "root"}));
+  auto* first = new SvrDMCloneDataSource(TrackedSource::Chain(&destroyed, {"head", "root"}));
   auto* second = new SvrDMCloneDataSource(*first);
   delete first;
   EXPECT_TRUE(destroyed.empty());
@@ -24,11 +24,12 @@ TEST(CloneDataSourceTest, OnlyTheLastCloneToGoDeletesTheSourceChainHeadFirst) {
   EXPECT_EQ(destroyed, (Names{"head", "root"}));
 }
 
-TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShowTheSourceOnlyWhenAsked) {
+TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShowTheSourceOnlyWhileReadingOrAsked) {
   auto* file = new SystemFileDataSource(SDM_EXAMPLES_DATA_DIR "/trial.csv");
   SvrDMCloneDataSource clone(file);
   clone.DeleteVariables(0, 0);
   EXPECT_EQ(clone.ColumnCount() + 1, file->ColumnCount());
+  EXPECT_EQ(clone.GetParentSource(), nullptr);
   EXPECT_FALSE(clone.ShowParents(true));
   EXPECT_EQ(clone.GetParentSource(), file);
   EXPECT_TRUE(clone.ShowParents(true));
@@ -39,8 +40,8 @@ TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShowTheSourceOnlyWhenAsked)
   EXPECT_TRUE(clone.ShowParents(false));
   EXPECT_FALSE(clone.ShowParents(false));
 
-  // The copy reads the same rows, through an iterator that outlives the link.
-  copy.ShowParents(true);
+  // The hidden copy reads the same rows, through an iterator that outlives
+  // the link it was built through.
   OBS row;
   std::unique_ptr<ObsIterator> iterator(copy.MakeIterator(&row));
   EXPECT_EQ(copy.GetParentSource(), nullptr);

@@ -1,29 +1,28 @@
-#include <atomic>
-#include <vector>
-
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
-#include "support/access_probes.h"
+#include "support/tracked_source.h"
 
 namespace {
 
-TEST(HandlesTest, GetAllDatasetsHoldsEachDatasetInOrderOfAdditionPastAClear) {
-  std::atomic<int> destroyed{0};
+TEST(HandlesTest, AHandleShowsItsItemAtOnceAndOneThatFoundNothingIsHidden) {
+  EXPECT_TRUE(SvrDMDataset(std::string("no such handle")).WindowHidden());
   ServerDataManager registry;
-  LocallyUniqueID a = registry.Add(*new ProbeSource(&destroyed), "a", false);
-  LocallyUniqueID b = registry.AddEmpty(true);
-  LocallyUniqueID c = registry.Add(*new ProbeSource(&destroyed), "c", false);
-  std::vector<SvrDMDataset> all = registry.GetAllDatasets();
-  std::vector<LocallyUniqueID> ids;
-  for (SvrDMDataset const& handle : all) ids.push_back(handle.GetDataSetID());
-  EXPECT_EQ(ids, (std::vector<LocallyUniqueID>{a, b, c}));
-
-  registry.Clear();
-  EXPECT_EQ(all[2].GetFileName(), "c");
-  EXPECT_EQ(destroyed, 0);
-  all.clear();
-  EXPECT_EQ(destroyed, 2);
+  LocallyUniqueID const id = registry.Add(*new TrackedSource, "", true);
+  SvrDMDataset handle(registry, id);
+  EXPECT_FALSE(handle.WindowHidden());
+  handle.WindowHidden(true);
+  EXPECT_TRUE(handle.WindowHidden());
+  auto* specs = new SvrBootstrapSpecs;
+  handle.SetBootstrapSpecs(specs);
+  handle.SetBootstrapSpecs(specs);  // the same record again is kept, not freed
+  EXPECT_EQ(handle.GetBootstrapSpecs(), specs);
+  EXPECT_EQ(specs->GetNSamples(), 1000);
+  {
+    SvrDMWriteableDataSource writer(registry, id, false, nullptr);
+    writer.IncrementCaseSequence();
+    EXPECT_EQ(handle.GetCaseSequence(), 1u) << "seen before the access ends";
+  }
 }
 
 }  // namespace

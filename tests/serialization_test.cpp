@@ -40,9 +40,13 @@ TEST(VStreamTest, EveryKindOfValueRoundTripsAtItsLimitsInLittleEndianOrder) {
   PassAll(stream, received);
   EXPECT_EQ(stream.Remaining(), 0u);
   EXPECT_TRUE(received == sent);
+  for (std::size_t length = 0; length < expected.size(); ++length) {
+    VStream cut(std::vector<uint8_t>(expected.begin(), expected.begin() + long(length)));
+    EXPECT_THROW(PassAll(cut, received), std::runtime_error) << "cut at " << length;
+  }
 }
 
-TEST(VStreamTest, ReadingPastTheEndThrowsAndLeavesTheValueAlone) {
+TEST(VStreamTest, ReadingPastTheEndLeavesTheValueAloneAndAllocatesNothing) {
   uint32_t word = 42;
   EXPECT_THROW(VStream(std::vector<uint8_t>{1, 2, 3}).Pass(word), std::runtime_error);
   EXPECT_EQ(word, 42u);

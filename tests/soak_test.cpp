@@ -5,11 +5,10 @@
 // meet 55, registry and dataset observers coming and going, clients joining
 // datasets late. Each dataset's first observer, and each late client, keeps
 // a client copy that must equal the live dictionary at every pass. Run it
-// under the thread sanitizer; by hand, longer:
-//   SDM_SOAK_SEED=7 sdm_soak_tests --soak-ops=5000000
+// under the thread sanitizer; a deadlock ends at the test's time limit. By
+// hand, longer:
+//   SDM_SOAK_SEED=7 SDM_SOAK_OPS=5000000 sdm_soak_tests
 #include <deque>
-#include <future>
-#include <map>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -22,70 +21,64 @@
 
 namespace {
 
-long gOperations = 400000;  // over all threads; --soak-ops=N
-uint32_t gSeed = 1;         // SDM_SOAK_SEED
-int const kThreads = 8, kSlots = 16, kBoundSeconds = 600;
+long FromEnvironment(char const* name, long otherwise) {
+  char const* value = std::getenv(name);
+  return value != nullptr ? std::strtol(value, nullptr, 10) : otherwise;
+}
+long const gOperations = FromEnvironment("SDM_SOAK_OPS", 400000);  // over all threads
+uint32_t const gSeed = static_cast<uint32_t>(FromEnvironment("SDM_SOAK_SEED", 1));
+int const kThreads = 8, kSlots = 16;
 
-// Numbers the passes it hears, as the first observer of its registry or
-// dataset, so that later observers can say which pass they heard. `tags`
-// (a dataset id, a queue length) is written under the lock of the pass.
-struct Numbering {
-  std::atomic<long> passes{0};
-  std::vector<long> tags;
-  void Count(long tag) {
-    tags.push_back(tag);
-    passes.store(static_cast<long>(tags.size()), std::memory_order_release);
-  }
-};
-
-struct RegistryNumbering : ServerDataManagerObserver, Numbering {
-  void DataSetCreated(LocallyUniqueID const& id, std::string const&) override {
-    ++created;
-    Count(id.ToWord());
-  }
-  void DataSetDeleted(LocallyUniqueID const& id) override {
-    ++deleted;
-    Count(id.ToWord());
-  }
+// The registry's first observer numbers the passes it hears, under the lock
+// of the pass, so that later observers can say which they heard.
+struct Numbering : ServerDataManagerObserver {
+  void DataSetCreated(LocallyUniqueID const&, std::string const&) override { ++created, ++passes; }
+  void DataSetDeleted(LocallyUniqueID const&) override { ++deleted, ++passes; }
   long created = 0, deleted = 0;
+  std::atomic<long> passes{0};
 };
 
-// A dataset's watcher: its copy must equal the live dictionary after each
-// pass. The file path is left out: the soak's sources rest on no data file.
-struct Watcher : SvrDMDataSetObserver, Numbering {
+// A dataset's client: its copy must equal the live dictionary after each
+// pass, so a pass missed or heard twice shows at the next one. The file path
+// is left out: the soak's sources rest on no data file.
+struct Watcher : SvrDMDataSetObserver {
   void DataSetChanged(SvrDMWriteableDataSource const* writer) override {
     DataFreeDataSource none;  // what a dataset without a source reads as
     QUOR_DataSource* live = writer->GetDataSource();
     std::string why = copy.Apply(writer->GetNotifications());
     if (why.empty()) why = copy.Differences(live ? *live : none, false);
     if (!why.empty() && mismatches++ == 0) error = why;
-    Count(static_cast<long>(writer->GetNotifications().size()));
+    ++passes;
   }
   SvrDMClientCopy copy;
   std::string error;
-  long mismatches = 0;
+  long mismatches = 0, passes = 0;
 };
 
-// A thread's observer, registered and removed at random; each registration
-// must hear every pass numbered while it was surely in the list, once, with
-// the first observer's tag, and nothing else.
-struct Recorder : ServerDataManagerObserver, SvrDMDataSetObserver {
-  void DataSetCreated(LocallyUniqueID const& id, std::string const&) override { Hear(id.ToWord()); }
-  void DataSetDeleted(LocallyUniqueID const& id) override { Hear(id.ToWord()); }
-  void DataSetChanged(SvrDMWriteableDataSource const* w) override {
-    Hear(static_cast<long>(w->GetNotifications().size()));
-  }
-  void Hear(long tag) {
-    spans.back().heard.push_back({numbering->passes.load(std::memory_order_acquire), tag});
-  }
+// A thread's registry observer, registered and removed at random; each
+// registration must hear every pass numbered while it was surely in the
+// list, once.
+struct Recorder : ServerDataManagerObserver {
+  void DataSetCreated(LocallyUniqueID const&, std::string const&) override { Hear(); }
+  void DataSetDeleted(LocallyUniqueID const&) override { Hear(); }
+  void Hear() { spans.back().heard.push_back(numbering->passes.load(std::memory_order_acquire)); }
   struct Span {
-    Numbering* numbering;
-    long registered, unregistering;            // passes just after Register, just before Unregister
-    std::vector<std::pair<long, long>> heard;  // pass, tag
+    long registered, unregistering;  // passes just after Register, just before Unregister
+    std::vector<long> heard;
   };
   Numbering* numbering = nullptr;  // set while registered
-  SvrDMItemPtr item;               // the dataset, for one on a dataset
   std::vector<Span> spans;
+};
+
+// What each thread keeps of its own.
+struct Worker {
+  int Below(int n) { return static_cast<int>(random() % static_cast<uint32_t>(n)); }
+  TrackedSource* Chain() { return TrackedSource::Chain(1 + Below(3), Below(5), (serial += 8) - 8); }
+  std::mt19937 random;
+  uint32_t serial;  // variables of this thread's own
+  Recorder recorder;
+  Watcher* late = nullptr;  // this thread's late client, while registered
+  SvrDMItemPtr lateItem;
 };
 
 class Soak {
@@ -97,24 +90,19 @@ class Soak {
   }
 
   void Run() {
-    std::vector<Recorder> onRegistry(kThreads), onDataset(kThreads);
-    std::promise<void> finished;
-    std::thread watchdog([future = finished.get_future()] {
-      if (future.wait_for(std::chrono::seconds(kBoundSeconds)) == std::future_status::ready) return;
-      std::fprintf(stderr, "soak: not finished after %d s: a deadlock\n", kBoundSeconds);
-      std::abort();
-    });
-    std::vector<std::thread> workers;
-    for (int t = 0; t < kThreads; ++t)
-      workers.emplace_back([&, t] { Work(t, onRegistry[t], onDataset[t]); });
-    for (std::thread& worker : workers) worker.join();
-    finished.set_value();
-    watchdog.join();
+    std::deque<Worker> workers;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+      Worker& w = workers.emplace_back();
+      w.random.seed(gSeed * 7919u + static_cast<uint32_t>(t));
+      w.serial = static_cast<uint32_t>(t + 1) << 22;
+      threads.emplace_back([this, &w] { Work(w); });
+    }
+    for (std::thread& thread : threads) thread.join();
 
     for (auto& box : boxes_) box.second = nullptr;
     for (SvrDMDataset const& open : registry_.GetAllDatasets()) {
-      EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0)
-          << "an access counter is not back to 0";
+      EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0) << "an access counter is not 0";
     }
     registry_.Clear();
     EXPECT_EQ(notices_.created, announcedWithSource_);
@@ -122,9 +110,7 @@ class Soak {
     long passes = 0, heard = 0;
     for (auto const& watcher : watchers_) EXPECT_EQ(watcher->mismatches, 0) << watcher->error;
     for (auto const& watcher : watchers_) passes += watcher->passes;
-    for (Recorder const* recorders : {onRegistry.data(), onDataset.data()}) {
-      for (int t = 0; t < kThreads; ++t) heard += CheckSpans(recorders[t]);
-    }
+    for (Worker const& w : workers) heard += CheckSpans(w.recorder);
     std::printf(
         "[ soak      ] seed %u: %d threads, %ld operations, %ld writes, %ld try-writers met 55, "
         "%ld registry notices, %ld late joins, %ld passes checked against a client copy, %ld "
@@ -135,56 +121,42 @@ class Soak {
   }
 
  private:
-  // Each registration heard a run of consecutive passes, each with the tag
-  // its first observer gave it, beginning no later than the first pass after
-  // Register returned and ending no earlier than the last before Unregister.
-  long CheckSpans(Recorder const& recorder) {
+  // Each registration heard a run of consecutive passes, beginning no later
+  // than the first pass after Register returned and ending no earlier than
+  // the last before Unregister.
+  static long CheckSpans(Recorder const& recorder) {
     long heard = 0;
     for (Recorder::Span const& span : recorder.spans) {
-      long const first = span.heard.empty() ? span.registered + 1 : span.heard.front().first;
-      long const last = first + static_cast<long>(span.heard.size()) - 1;
+      long const first = span.heard.empty() ? span.registered + 1 : span.heard.front();
+      long const count = static_cast<long>(span.heard.size());
       EXPECT_LE(first, span.registered + 1) << "a pass missed after Register";
-      EXPECT_GE(last, span.unregistering) << "a pass missed before Unregister";
-      for (std::size_t i = 0; i < span.heard.size(); ++i) {
-        EXPECT_EQ(span.heard[i].first, first + static_cast<long>(i))
-            << "a pass missed or heard twice";
-        EXPECT_EQ(span.heard[i].second,
-                  span.numbering->tags[static_cast<std::size_t>(span.heard[i].first - 1)]);
+      EXPECT_GE(first + count - 1, span.unregistering) << "a pass missed before Unregister";
+      for (long i = 0; i < count; ++i) {
+        EXPECT_EQ(span.heard[static_cast<std::size_t>(i)], first + i) << "missed or heard twice";
       }
-      heard += static_cast<long>(span.heard.size());
+      heard += count;
     }
     return heard;
   }
 
-  void Work(int thread, Recorder& onRegistry, Recorder& onDataset) {
-    Watcher* late = nullptr;  // this thread's late client, while registered
-    SvrDMItemPtr lateItem;
-    std::mt19937 random(gSeed * 7919u + static_cast<uint32_t>(thread));
-    auto below = [&random](int n) { return static_cast<int>(random() % static_cast<uint32_t>(n)); };
-    uint32_t serial = static_cast<uint32_t>(thread + 1) << 22;  // variables of this thread's own
-    auto chain = [&] {
-      TrackedSource* head = TrackedSource::Chain(1 + below(3), below(5), serial);
-      serial += 8;
-      return head;
-    };
+  void Work(Worker& w) {
     for (long op = 0; op < gOperations / kThreads; ++op) {
-      std::atomic<uint32_t>& slot = slots_[static_cast<std::size_t>(below(kSlots))];
-      auto& box = boxes_[static_cast<std::size_t>(below(kSlots))];
-      int const choice = below(100);
-      bool const silent = below(5) == 0;
-      if (choice < 10) {  // a new dataset in the slot; the one it displaces goes
-        int const way = below(3);
-        LocallyUniqueID id = way == 0 ? registry_.AddEmpty(silent)
-                             : way == 1
-                                 ? registry_.Add(*chain(), below(4) ? "" : File(below(4)), silent)
-                                 : registry_.Add(*chain(), "", "password", false, silent);
+      std::atomic<uint32_t>& slot = slots_[static_cast<std::size_t>(w.Below(kSlots))];
+      auto& box = boxes_[static_cast<std::size_t>(w.Below(kSlots))];
+      int const choice = w.Below(100);
+      bool const silent = w.Below(5) == 0;
+      if (choice <
+          14) {  // a new dataset in the slot, in one of four ways; the one it displaces goes
+        int const way = w.Below(4);
+        LocallyUniqueID id;  // the fourth way replaces the slot's dataset under its identifier
+        if (way == 3 && (id = LocallyUniqueID::FromWord(slot.exchange(id.ToWord()))).IsNone()) {
+          continue;
+        }
+        if (way == 0) id = registry_.AddEmpty(silent);
+        if (way == 1) id = registry_.Add(*w.Chain(), w.Below(4) ? "" : File(w.Below(4)), silent);
+        if (way == 2) id = registry_.Add(*w.Chain(), "", "password", false, silent);
+        if (way == 3) registry_.Add(*w.Chain(), "", silent, id, ++reuses_);
         Adopt(id, silent, way != 0);
-        registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
-      } else if (choice < 14) {  // a new dataset under the slot's identifier
-        LocallyUniqueID id = LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone));
-        if (id.IsNone()) continue;
-        registry_.Add(*chain(), "", silent, id, static_cast<unsigned int>(++reuses_));
-        Adopt(id, silent, true);
         registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
       } else if (choice < 18) {
         registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
@@ -193,11 +165,9 @@ class Soak {
         std::lock_guard<std::mutex> lock(box.first);
         displaced = std::exchange(box.second, item);
       } else if (choice < 36) {
-        ToggleOnRegistry(onRegistry);
-      } else if (choice < 42) {
-        ToggleOnDataset(onDataset, Find(slot, box));
+        Toggle(w.recorder);
       } else if (choice < 45) {
-        ToggleLate(late, lateItem, Find(slot, box));
+        ToggleLate(w, Find(slot, box));
       } else if (choice < 60) {  // the dictionary holds still under a read access
         SvrDMItemPtr item = Find(slot, box);
         if (!item.IsValid()) continue;
@@ -206,44 +176,29 @@ class Soak {
         std::this_thread::yield();
         EXPECT_EQ(reader.operator->() ? reader->ColumnCount() : 0, columns);
       } else if (SvrDMItemPtr item = Find(slot, box); item.IsValid()) {
-        Write(item, choice >= 90, below, chain, serial);
+        Write(w, item, choice >= 90);
       }
     }
-    if (onRegistry.numbering != nullptr) ToggleOnRegistry(onRegistry);
-    if (onDataset.numbering != nullptr) ToggleOnDataset(onDataset, nullptr);
-    if (late != nullptr) ToggleLate(late, lateItem, nullptr);
+    if (w.recorder.numbering != nullptr) Toggle(w.recorder);
+    if (w.late != nullptr) ToggleLate(w, nullptr);
   }
 
-  template <typename Below, typename Chain>
-  void Write(SvrDMItemPtr& item, bool tryOnly, Below& below, Chain& chain, uint32_t& serial) {
+  void Write(Worker& w, SvrDMItemPtr& item, bool tryOnly) {
     try {
       SvrDMWriteableDataSource writer(item, tryOnly, nullptr);
       ++writes_;
       bool const creationDue = item->announce && !item->createNotified;
       auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
-      if (live == nullptr || below(20) == 0) writer.SetDataSet(live = chain());
-      if (below(20) == 0) writer.BulkVarMoves();
-      for (int edits = below(5); edits > 0; --edits) {
-        int const n = static_cast<int>(live->ColumnCount()), at = below(n + 1);
-        switch (below(6)) {
-          case 0:
-            live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++serial), "n"));
-            break;
-          case 1:
-            if (at < n) live->DeleteVariables(at, at);
-            break;
-          case 2:
-            if (at < n) live->GetVariable(at).SetName("r" + std::to_string(below(9)));
-            break;
-          case 3:
-            live->SetWeightVar(at < n ? at : -1);
-            break;
-          case 4:
-            live->SetLabel(below(2) ? nullptr : "label");
-            break;
-          default:
-            live->rows = below(5);
-        }
+      if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
+      if (w.Below(20) == 0) writer.BulkVarMoves();
+      for (int edits = w.Below(5); edits > 0; --edits) {
+        int const n = static_cast<int>(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(6);
+        if (kind == 0) live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++w.serial), "n"));
+        if (kind == 1 && at < n) live->DeleteVariables(at, at);
+        if (kind == 2 && at < n) live->GetVariable(at).SetName("r" + std::to_string(w.Below(9)));
+        if (kind == 3) live->SetWeightVar(at < n ? at : -1);
+        if (kind == 4) live->SetLabel(w.Below(2) ? nullptr : "label");
+        if (kind == 5) live->rows = w.Below(5);
       }
       if (creationDue) {  // delivered here, under the lock, to see whether the notice went
         writer.Notify();
@@ -255,31 +210,19 @@ class Soak {
     }
   }
 
-  // Registers or removes a recorder, noting the passes around the change;
-  // the list changes under the lock that every pass holds.
-  template <typename Change>
-  void Toggle(Recorder& recorder, Numbering* numbering, Change change) {
-    if (recorder.numbering == nullptr) {
-      recorder.spans.push_back({numbering, 0, 0, {}});
-      recorder.numbering = numbering;
-      change(true);
-      recorder.spans.back().registered = numbering->passes;
-    } else {
-      recorder.spans.back().unregistering = recorder.numbering->passes;
-      change(false);
-      recorder.numbering = nullptr;
+  // Registers the recorder or removes it, noting the passes around the
+  // change; the list changes under the lock that every pass holds.
+  void Toggle(Recorder& r) {
+    if (r.numbering != nullptr) {
+      r.spans.back().unregistering = r.numbering->passes;
+      registry_.Unregister(r);
+      r.numbering = nullptr;
+      return;
     }
-  }
-  void ToggleOnRegistry(Recorder& r) {
-    Toggle(r, &notices_, [&](bool on) { on ? registry_.Register(r) : registry_.Unregister(r); });
-  }
-  void ToggleOnDataset(Recorder& r, SvrDMItemPtr item) {
-    Watcher* watcher = r.item.IsValid() ? nullptr : WatcherOf(item);
-    if (watcher == nullptr && !r.item.IsValid()) return;  // no dataset, or not adopted yet
-    Toggle(r, watcher, [&](bool on) {
-      if (on) (r.item = item)->Register(r);
-      if (!on) r.item->Unregister(r), r.item = nullptr;
-    });
+    r.spans.push_back({0, 0, {}});
+    r.numbering = &notices_;
+    registry_.Register(r);
+    r.spans.back().registered = notices_.passes;
   }
 
   // Gives a new dataset its watcher under its write lock, before the id is
@@ -290,41 +233,30 @@ class Soak {
     announced_ += silent ? 0 : 1;
     announcedWithSource_ += !silent && withSource ? 1 : 0;
     SvrDMItemPtr item = registry_.GetDataSet(id);
-    auto* watcher = new Watcher;
     SvrDMWriteableDataSource writer(item, false, nullptr);
-    item->Register(*watcher);
-    std::lock_guard<std::mutex> lock(watchersMutex_);
-    watchers_.emplace_back(watcher);
-    watcherOf_[{item.get(), item->caseSequence}] = watcher;
+    item->Register(*NewWatcher());
   }
 
   // A client that joins an open dataset at any point of its life: seeded
   // from what its watchers were told and registered under one read access,
   // it must agree with the live dictionary at every pass from then on.
-  void ToggleLate(Watcher*& late, SvrDMItemPtr& lateItem, SvrDMItemPtr item) {
-    if (late != nullptr) {
-      lateItem->Unregister(*late);
-      late = nullptr;
-      lateItem = nullptr;
-      return;
+  void ToggleLate(Worker& w, SvrDMItemPtr item) {
+    if (w.late != nullptr) {
+      w.lateItem->Unregister(*std::exchange(w.late, nullptr));
+      w.lateItem = nullptr;
+    } else if (item.IsValid()) {
+      w.late = NewWatcher();
+      SvrDMInputDataSource reader(item, false);
+      w.late->copy.Seed(*item);
+      item->Register(*w.late);
+      w.lateItem = item;
+      ++lateJoins_;
     }
-    if (!item.IsValid()) return;
-    {
-      std::lock_guard<std::mutex> lock(watchersMutex_);
-      late = watchers_.emplace_back(new Watcher).get();
-    }
-    SvrDMInputDataSource reader(item, false);
-    late->copy.Seed(*item);
-    item->Register(*late);
-    lateItem = item;
-    ++lateJoins_;
   }
 
-  Watcher* WatcherOf(SvrDMItemPtr const& item) {
+  Watcher* NewWatcher() {
     std::lock_guard<std::mutex> lock(watchersMutex_);
-    auto found =
-        item.IsValid() ? watcherOf_.find({item.get(), item->caseSequence}) : watcherOf_.end();
-    return found == watcherOf_.end() ? nullptr : found->second;
+    return watchers_.emplace_back(new Watcher).get();
   }
 
   SvrDMItemPtr Find(std::atomic<uint32_t>& slot, std::pair<std::mutex, SvrDMItemPtr>& box) {
@@ -343,12 +275,8 @@ class Soak {
   ScratchDir files_;
   std::mutex watchersMutex_;
   std::deque<std::unique_ptr<Watcher>> watchers_;  // outlive every item
-  // By address and case sequence: a dataset added under a reused identifier
-  // gets a sequence of its own, so it is never taken for an earlier item at
-  // the same address before its watcher is in place.
-  std::map<std::pair<SvrDMItem const*, uint32_t>, Watcher*> watcherOf_;
   ServerDataManager registry_;
-  RegistryNumbering notices_;
+  Numbering notices_;
   std::vector<std::atomic<uint32_t>> slots_;
   std::vector<std::pair<std::mutex, SvrDMItemPtr>> boxes_;
   std::atomic<long> writes_{0}, busy_{0}, announced_{0}, announcedWithSource_{0}, reuses_{0},
@@ -366,14 +294,3 @@ TEST(Soak, ManyThreadsOnOneRegistryLoseNothing) {
 }
 
 }  // namespace
-
-int main(int argc, char** argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  if (char const* seed = std::getenv("SDM_SOAK_SEED"))
-    gSeed = static_cast<uint32_t>(std::strtoul(seed, nullptr, 10));
-  for (int i = 1; i < argc; ++i) {
-    if (std::string(argv[i]).rfind("--soak-ops=", 0) == 0)
-      gOperations = std::strtol(argv[i] + 11, nullptr, 10);
-  }
-  return RUN_ALL_TESTS();
-}

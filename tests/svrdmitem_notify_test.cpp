@@ -1,5 +1,6 @@
 // The notify pass at the end of a write access.
-#include <atomic>
+#include <functional>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -28,10 +29,9 @@ class NotifyTest : public ::testing::Test {
     }
   }
 
-  std::atomic<int> sourcesDestroyed_{0};
   int messagesDestroyed_ = 0;
   ServerDataManager registry_;
-  LocallyUniqueID id_ = registry_.Add(*new ProbeSource(&sourcesDestroyed_), "", false);
+  LocallyUniqueID id_ = registry_.Add(*new TrackedSource, "", false);
   SvrDMItemPtr item_ = Item(id_);
   Log log_;
   Listener a_{"A", &log_};
@@ -90,7 +90,7 @@ TEST_F(NotifyTest, WriteAccessCountsOneWriterAndNoReaderAndHoldsTheLockUntilObse
 }
 
 TEST_F(NotifyTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
-  SvrDMItemPtr announced = Item(registry_.Add(*new ProbeSource(&sourcesDestroyed_), "", false));
+  SvrDMItemPtr announced = Item(registry_.Add(*new TrackedSource, "", false));
   SvrDMItemPtr silent = Item(registry_.AddEmpty(true));
   SvrDMItemPtr creationDue = Item(registry_.AddEmpty(false));
   for (SvrDMItemPtr item : {announced, silent, creationDue}) Write(item, {});
@@ -101,6 +101,37 @@ TEST_F(NotifyTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
   announced->Register(a_);  // a dataset observer makes it worth it
   Write(announced, {});
   EXPECT_NE(announced->observerView.RowCountSeen(), neverUpdated);
+}
+
+// Observers come and go under the lock that the comparison with the
+// snapshot and the delivery hold: a thread that registers or unregisters
+// meanwhile waits.
+TEST_F(NotifyTest, ObserversWaitWhileThePassComparesAndDelivers) {
+  struct Source : TrackedSource {
+    long long RowCount() const override { return onRowCount(), 0; }
+    std::function<void()> onRowCount;
+  };
+  Listener absent("C", &log_);
+  std::vector<std::unique_ptr<Bystanders>> held;
+  Log early;
+  auto hold = [&](std::size_t already) {
+    if (held.size() != already) return;
+    held.push_back(std::make_unique<Bystanders>(
+        Bystanders::Operations{{"Register", [&] { item_->Register(b_); }},
+                               {"Unregister", [&] { item_->Unregister(absent); }}}));
+    for (std::string const& name : held.back()->FinishedAfterAPause()) early.push_back(name);
+  };
+  auto* source = new Source;
+  source->onRowCount = [&] { hold(0); };
+  a_.onChanged = [&](SvrDMWriteableDataSource const*) { hold(1); };
+  item_->Register(a_);
+  {
+    SvrDMWriteableDataSource writer(item_, false, nullptr);
+    writer.SetDataSet(source);
+  }
+  EXPECT_EQ(held.size(), 2u) << "the pass did not compare and deliver";
+  held.clear();
+  EXPECT_EQ(early, Log{}) << "finished during the pass";
 }
 
 TEST_F(NotifyTest, ThrowingObserverStillSettlesCountersAndReleasesAndItsExceptionPasses) {
@@ -140,7 +171,7 @@ TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) 
   Write(item, {"m1"});  // a message but no source: the notice waits
   {                     // a source that reads like the empty snapshot: nothing queued, no notice
     SvrDMWriteableDataSource writer(item, false, nullptr);
-    writer.SetDataSet(new ProbeSource(&sourcesDestroyed_));
+    writer.SetDataSet(new TrackedSource);
   }
   EXPECT_EQ(log_, (Log{"A: m1"}));
   Write(item, {"m2"});  // the registry hears before the dataset's observers

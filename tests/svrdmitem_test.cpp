@@ -6,7 +6,7 @@
 
 #include "ServerDataManager.h"
 #include "support/access_probes.h"
-#include "support/counting_source.h"
+#include "support/tracked_source.h"
 
 namespace {
 
@@ -14,46 +14,32 @@ SvrDMItem* MakeItem(LocallyUniqueID id, QUOR_DataSource* source = nullptr) {
   return new SvrDMItem(id, source, nullptr, 7, std::string(), true);
 }
 
-TEST(SvrDMItemTest, NewItemIsMinimizedAndStampedNow) {
+TEST(SvrDMItemTest, NewItemIsStampedNowAndABlankOneIsSafeToEnd) {
   SvrDMItemPtr item(MakeItem(LocallyUniqueID(0, 3)));
-  EXPECT_TRUE(item->windowMinimized);
-  EXPECT_FALSE(item->windowFront || item->windowHidden);
-  EXPECT_EQ(item->caseSequence, 7u);
-  EXPECT_EQ(item->observerView.RowCountSeen(), -2);
   std::time_t now = std::time(nullptr);
   std::tm local = *std::localtime(&now);
-  double expected = 0;
-  iDMY2Quor(local.tm_mday, local.tm_mon + 1, local.tm_year + 1900, local.tm_hour, local.tm_min,
-            local.tm_sec, &expected);
-  EXPECT_NEAR(item->objCreationTime, expected, 5.0);
-  SvrDMItemPtr blank(new SvrDMItem());  // safe to build and end
-  EXPECT_TRUE(blank->dataSetID.IsNone());
+  EXPECT_NEAR(item->objCreationTime, double(timegm(&local)), 5.0);  // local time, seconds from 1970
+  EXPECT_TRUE(SvrDMItemPtr(new SvrDMItem())->dataSetID.IsNone());
 }
 
-TEST(SvrDMItemTest, IdentityComparesBothFieldsGroupFirst) {
-  SvrDMItemPtr low(MakeItem(LocallyUniqueID(1, 900)));
-  SvrDMItemPtr high(MakeItem(LocallyUniqueID(2, 5)));
-  EXPECT_FALSE(*low == *SvrDMItemPtr(MakeItem(LocallyUniqueID(2, 900))));
-  EXPECT_TRUE(*low == *SvrDMItemPtr(MakeItem(LocallyUniqueID(1, 900))));
-  EXPECT_TRUE(*low < *high);
-  EXPECT_FALSE(*high < *low);
-}
-
-TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirst) {
+TEST(SvrDMItemTest, QueuedMessagesGoWithTheItemAndItsChainGoesHeadFirstOnlyOnce) {
   std::vector<std::string> log;
   int destroyed = 0;
   long const blocksBefore = VUGlobal::LiveBlocks();
   {
     SvrDMItemPtr item(
-        MakeItem(LocallyUniqueID(0, 1), CountingSource::Chain(&log, {"head", "middle", "root"})));
+        MakeItem(LocallyUniqueID(0, 1), TrackedSource::Chain(&log, {"head", "middle", "root"})));
     item->notifications.push_back(new ProbeMessage("queued", &destroyed));
     item->notifications.push_back(nullptr);
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());
     item->SetBootstrapSpecs(new SvrBootstrapSpecs());  // the first is freed (asan checks)
-  }
+    item->DeleteDataSource();
+    EXPECT_EQ(log, (std::vector<std::string>{"head", "middle", "root"}));
+    EXPECT_EQ(item->dataSource, nullptr);
+  }  // and nothing is deleted twice
   EXPECT_EQ(destroyed, 1);
   EXPECT_EQ(VUGlobal::LiveBlocks(), blocksBefore);
-  EXPECT_EQ(log, (std::vector<std::string>{"head", "middle", "root"}));
+  EXPECT_EQ(log.size(), 3u);
 }
 
 TEST(SvrDMItemDeathTest, CopyingAnItemStopsTheProcess) {

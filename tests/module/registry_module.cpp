@@ -11,20 +11,13 @@
 namespace {
 RegistryModuleProbe* gProbe = nullptr;
 
-void CountDeletedSource() {
-  if (gProbe != nullptr) ++gProbe->sourcesDeleted;
-}
-
-class CountedFileSource : public SystemFileDataSource {
- public:
-  explicit CountedFileSource(std::string const& path) : SystemFileDataSource(path) {}
-  ~CountedFileSource() override { CountDeletedSource(); }
-};
-
-class CountedSource : public QUOR_DataSource {
- public:
-  explicit CountedSource(QUOR_DataSource const* parent) : QUOR_DataSource(parent) {}
-  ~CountedSource() override { CountDeletedSource(); }
+// A data source of the chain that counts its end.
+template <class Source>
+struct Counted : Source {
+  using Source::Source;
+  ~Counted() override {
+    if (gProbe != nullptr) ++gProbe->sourcesDeleted;
+  }
 };
 
 class Listener : public ServerDataManagerObserver {
@@ -61,6 +54,6 @@ extern "C" SDM_EXPORT uint32_t SdmRegistryModuleStart(char const* path,
   probe->staticDatasetID = gStaticUser.id.ToWord();
   ServerDataManager& registry = ServerDataManager::GetInstance();
   registry.Register(*new (gListenerStorage) Listener);
-  auto* head = new CountedSource(new CountedFileSource(path));
+  auto* head = new Counted<QUOR_DataSource>(new Counted<SystemFileDataSource>(path));
   return registry.Add(*head, path, /*silent=*/false).ToWord();
 }

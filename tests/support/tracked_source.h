@@ -1,10 +1,13 @@
-// A data source for reliability tests that counts the living ones and
-// notices a second destruction, without allocating in its destructor.
+// The tests' data source: it counts the living ones, notices a second
+// destruction without allocating in its destructor, and, when given a log,
+// records its name there as it goes, so a test can check that every member
+// of a chain goes exactly once and in which order.
 #ifndef SDM_TESTS_SUPPORT_TRACKED_SOURCE_H
 #define SDM_TESTS_SUPPORT_TRACKED_SOURCE_H
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 #include "ServerDataManager.h"
 
@@ -21,6 +24,12 @@ class TrackedSource : public QUOR_DataSource {
   ~TrackedSource() override {
     if (alive_.exchange(false) == false) ++destroyedTwice;
     --live;
+    if (log == nullptr) return;
+    // A source may look at its parent while it is destroyed: owners delete
+    // children first. Under the address sanitizer a parent freed too early
+    // shows up here.
+    if (GetParentSource() != nullptr) (void)GetParentSource()->RowCount();
+    log->push_back(name);
   }
   // A chain of `length`, head returned; only the head has variables.
   static TrackedSource* Chain(int length, int variables = 2, uint32_t firstSerial = 1) {
@@ -30,10 +39,25 @@ class TrackedSource : public QUOR_DataSource {
     }
     return head;
   }
+  // The chain head -> ... -> root of `names`, first name the head, each
+  // logging its name in `*log` (which must outlive it) when it goes.
+  static TrackedSource* Chain(std::vector<std::string>* log,
+                              std::vector<std::string> const& names) {
+    TrackedSource* head = Chain(static_cast<int>(names.size()), 0);
+    QUOR_DataSource* at = head;
+    for (std::string const& each : names) {
+      static_cast<TrackedSource*>(at)->log = log;
+      static_cast<TrackedSource*>(at)->name = each;
+      at = at->GetParentSource();
+    }
+    return head;
+  }
   // A claimed row count; the source has no rows to iterate.
   long long RowCount() const override { return rows; }
 
   long long rows = 0;
+  std::vector<std::string>* log = nullptr;
+  std::string name;
   inline static std::atomic<long> live{0}, destroyedTwice{0};
 
  private:
