@@ -6,11 +6,13 @@
 // operator new, the script may also make the end of an access fail at one
 // of its allocations (or from one on): the next access must then bring the
 // watcher to the live dictionary all the same.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <random>
 #include <string>
 #include <utility>
 #include <vector>
@@ -76,10 +78,11 @@ class CheckingWatcher : public SvrDMDataSetObserver {
 
 void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
   int const n = static_cast<int>(live.ColumnCount());
-  switch (script.Below(15)) {
+  switch (script.Below(16)) {
     case 0:
     case 1:
-      if (n < 300) {
+      // Now and then a run of new variables, so that lists grow wide.
+      for (int k = script.Below(16) == 0 ? script.Below(64) : 1; k > 0 && n < 300; --k) {
         ++nextSerial;
         live.InsertVariable(script.Below(n + 1),
                             QUOR_Variable(LocallyUniqueID(0, nextSerial), "v", script.Below(3)));
@@ -154,6 +157,16 @@ void Edit(Script& script, QUOR_DataSource& live, uint32_t& nextSerial) {
           QUOR_DataSource::Extension(0, std::string(static_cast<size_t>(script.Below(3)), 'e')));
       live.RowsPerImputation(script.Below(3));
       live.GetTrendsInfo()->SetText(std::string(static_cast<size_t>(script.Below(2)), 't'));
+      break;
+    }
+    case 14: {  // the whole list reordered, as a sort does
+      std::vector<QUOR_Variable> all = VariablesOf(live);
+      int const how = script.Below(3);
+      if (how == 0) std::reverse(all.begin(), all.end());
+      if (how == 1 && n > 1) std::rotate(all.begin(), all.begin() + 1, all.end());
+      if (how == 2) std::shuffle(all.begin(), all.end(), std::minstd_rand(script.Next()));
+      if (n > 0) live.DeleteVariables(0, n - 1);
+      for (QUOR_Variable const& variable : all) live.MakeVariable(variable, nullptr);
       break;
     }
     default:

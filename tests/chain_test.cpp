@@ -49,7 +49,7 @@ TEST(DataSetChainTest, SetDataSetDeletesExactlyTheSourcesLeftOverHeadFirst) {
     SetModificationTime(file, 1001);
     item->SetDataSet(head);
     EXPECT_EQ(log, deletedBySet);
-    EXPECT_EQ(DescribeQueue(item->notifications), withChain ? Names{"ResetUndo"} : Names{});
+    EXPECT_EQ(DescribeQueue(item->notifications), withChain ? Names{"ResetUndoMsg"} : Names{});
     // With a source the file is held afresh, the new time its base.
     EXPECT_EQ(item->lockedFileTime, head ? 1001 : 0);
     item = nullptr;
@@ -79,7 +79,7 @@ TEST(DataSetChainTest, WriteAccessReplacesTheSourceAndResetUndoComesFirst) {
     EXPECT_EQ(&*access, replacement);
     EXPECT_EQ(log, (Names{"head", "root"}));
   }
-  EXPECT_EQ(watcher.last, (Names{"ResetUndo", "Insert [A] before none", "ResetClient 0"}));
+  EXPECT_EQ(watcher.last, (Names{"ResetUndoMsg", "InsertVarsMsg", "ResetClientDataMsg"}));
   SvrDMDataset(registry, id).Unregister(watcher);
 }
 

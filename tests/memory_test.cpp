@@ -1,7 +1,8 @@
-// What the snapshot costs in memory, and that reconciling an unchanged
-// dictionary costs no allocation: counted through the replaced operator new
-// of the allocation-failure binary, which this file is built into.
+// What the snapshot costs in memory and what an Update allocates, counted
+// through the replaced operator new of the allocation-failure binary, which
+// this file is built into.
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,115 +12,58 @@
 
 namespace {
 
-// Counts this thread's allocations, and the heap bytes they hold, for its
-// scope. Blocks taken before may be freed inside, and the other way round;
-// each such block skews the held total by its size, so the tests count only
-// around work that frees what it took or keeps it all.
-class Counting {
- public:
-  Counting() { failing_new::Arm(0, false); }
-  ~Counting() { failing_new::Disarm(); }
-  Counting(Counting const&) = delete;
-  Counting& operator=(Counting const&) = delete;
-  long calls() const { return failing_new::Counted(); }
-  long heldBytes() const { return failing_new::HeldBytes(); }
-};
+// Over a dictionary of 10,000 variables with every dataset property set, so
+// that a no-difference Update walks every property stage with something to
+// compare.
+TEST(SnapshotMemoryTest, SnapshotSharesDefinitionsAndUpdateKeepsOnlyItsMessages) {
+  constexpr int n = 10000;
+  auto* source = new DataFreeDataSource;  // owned by the item
+  for (int i = 0; i < n; ++i)
+    source->MakeVariable(QUOR_Variable(LocallyUniqueID(1, i + 1u), "v" + std::to_string(i)),
+                         nullptr);
+  source->SetLabel("a survey");
+  source->SetFileSpec("survey.csv");
+  source->SetWeightVar(n - 1);
+  source->SetFilterVar(n / 2);
+  int const split[] = {3, 1};
+  source->SetSplit(2, split, true);
+  source->GetTrendsInfo()->SetText("trends");
+  DatasourceAttributes attributes;
+  attributes.Set("origin", "interview");
+  source->SetAttributes(attributes);
+  source->SetExtension(QUOR_DataSource::Extension(QUOR_DataSource::kExtensionRecord, "record"));
+  SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(0, 1), source, nullptr, 0, "", true));
+  item->notifications.reserve(n + 16);  // the queue's growth is not Update's
 
-constexpr int kVariables = 10000;
-
-// An item over a dictionary-only source of kVariables variables, with the
-// dataset properties a real dictionary carries set, so a no-difference
-// Update walks every property stage with something to compare.
-class SnapshotMemoryTest : public ::testing::Test {
- protected:
-  SnapshotMemoryTest() : source(new DataFreeDataSource) {
-    for (int i = 0; i < kVariables; ++i) {
-      source->MakeVariable(QUOR_Variable(LocallyUniqueID(1, static_cast<uint32_t>(i + 1)),
-                                         "variable" + std::to_string(i)),
-                           nullptr);
-    }
-    source->SetLabel("a survey");
-    source->SetFileSpec("survey.csv");
-    source->SetWeightVar(kVariables - 1);
-    source->SetFilterVar(kVariables / 2);
-    int const split[] = {3, 1};
-    source->SetSplit(2, split, true);
-    source->GetTrendsInfo()->SetText("trends");
-    DatasourceAttributes attributes;
-    attributes.Set("origin", "interview");
-    source->SetAttributes(attributes);
-    source->SetExtension(
-        QUOR_DataSource::Extension(QUOR_DataSource::kExtensionRecord, "record zero"));
-    item = new SvrDMItem(LocallyUniqueID(0, 1), source, nullptr, 0, "", true);
-  }
-
-  DataFreeDataSource* source;  // owned by the item
-  SvrDMItemPtr item;
-};
-
-TEST_F(SnapshotMemoryTest, SnapshotSharesDefinitionsAndCostsAtMost24BytesAVariable) {
-  // The first Update queues one message a variable; the queue's own growth
-  // is not the snapshot's, so it gets its room beforehand.
-  item->notifications.reserve(kVariables + 16);
-  long held;
-  {
-    Counting counting;
+  // One Update: the allocations it made, and the bytes it still holds once
+  // its messages, which carry their own handles, are gone.
+  auto update = [&item] {
+    failing_new::Arm(0, false);
     item->observerView.Update();
-    // The messages carry their own handles; what stays after they go is
-    // the snapshot.
+    long const calls = failing_new::Counted();
     item->ClearNotifications();
-    held = counting.heldBytes();
+    std::pair<long, long> const counted(calls, failing_new::HeldBytes());
+    failing_new::Disarm();
+    return counted;
+  };
+  // The first fills the snapshot: shared definitions, where a copied one
+  // alone would be several times the bound.
+  EXPECT_LE(update().second, 24L * n);
+  for (int i = 0; i < n; ++i) {
+    ASSERT_EQ(item->observerView.Snapshot().GetVariable(i).Definition(),
+              source->GetVariable(i).Definition());
   }
+  EXPECT_EQ(update().first, 0) << "an Update finding nothing allocated";
 
-  QUOR_DataSource const& snapshot = item->observerView.Snapshot();
-  ASSERT_EQ(snapshot.ColumnCount(), source->ColumnCount());
-  for (int i = 0; i < kVariables; ++i) {
-    ASSERT_EQ(snapshot.GetVariable(i).Definition(), source->GetVariable(i).Definition())
-        << "at " << i;
-  }
-  // A copied definition alone would be several times this.
-  EXPECT_LE(held, 24L * kVariables)
-      << held / static_cast<double>(kVariables) << " bytes a variable";
-}
-
-TEST_F(SnapshotMemoryTest, UpdateFindingNoDifferenceAllocatesNothing) {
-  item->observerView.Update();
-  item->ClearNotifications();
-
-  long calls;
-  {
-    Counting counting;
-    item->observerView.Update();
-    calls = counting.calls();
-  }
-  EXPECT_TRUE(item->notifications.empty());
-  EXPECT_EQ(calls, 0);
-}
-
-// An Update that reorders every variable plans over working structures of
-// its own (an index, counts, a permutation); they are gone when it returns,
-// and what it took is its messages. This also shows the counters are live,
-// or the zero above would prove nothing.
-TEST_F(SnapshotMemoryTest, UpdateKeepsNothingButItsMessages) {
-  item->observerView.Update();
-  item->ClearNotifications();
-  item->notifications.reserve(kVariables + 16);  // the queue's growth is not Update's
+  // A full reversal plans over an index, counts and a permutation of its
+  // own: all gone when it returns (and the count above is live).
   std::vector<QUOR_Variable> reversed;
-  for (int i = kVariables - 1; i >= 0; --i) reversed.push_back(source->GetVariable(i));
-  source->DeleteVariables(0, kVariables - 1);
+  for (int i = n - 1; i >= 0; --i) reversed.push_back(source->GetVariable(i));
+  source->DeleteVariables(0, n - 1);
   for (QUOR_Variable const& variable : reversed) source->MakeVariable(variable, nullptr);
-
-  long calls;
-  long held;
-  {
-    Counting counting;
-    item->observerView.Update();
-    calls = counting.calls();
-    item->ClearNotifications();
-    held = counting.heldBytes();
-  }
-  EXPECT_GE(calls, kVariables - 1);  // a message a move, at the least
-  EXPECT_EQ(held, 0) << "bytes kept by an Update beyond its messages";
+  std::pair<long, long> const counted = update();
+  EXPECT_GE(counted.first, n - 1);  // a message a move, at the least
+  EXPECT_EQ(counted.second, 0) << "bytes kept beyond the messages";
 }
 
 }  // namespace

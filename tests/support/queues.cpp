@@ -27,66 +27,18 @@ bool IsVariableMessage(DataSetMsg const& message) {
          dynamic_cast<ModifyVarMsg const*>(&message) != nullptr;
 }
 
-std::string Name(LocallyUniqueID id) {
-  if (id.IsNone()) return "none";
-  if (id.group == 0 && id.serial >= 1 && id.serial <= 26)
-    return std::string(1, static_cast<char>('A' + id.serial - 1));
-  return std::to_string(id.group) + ":" + std::to_string(id.serial);
-}
-
-std::string Names(std::vector<QUOR_Variable> const& list) {
-  std::string out;
-  for (QUOR_Variable const& v : list) out += (out.empty() ? "" : ",") + Name(v.GetID());
-  return "[" + out + "]";
-}
-
-std::string Short(DataSetMsg const& message) {
-  std::ostringstream line;
-  if (auto const* m = dynamic_cast<DeleteVarsMsg const*>(&message)) {
-    line << "Delete " << Names(m->GetVariables());
-  } else if (auto const* m = dynamic_cast<InsertVarsMsg const*>(&message)) {
-    line << "Insert " << Names(m->GetVariables()) << " before " << Name(m->GetBeforeID());
-  } else if (auto const* m = dynamic_cast<MoveVarsMsg const*>(&message)) {
-    line << "Move " << m->GetIndices().at(0) << " -> " << m->GetTarget();
-  } else if (auto const* m = dynamic_cast<ModifyVarMsg const*>(&message)) {
-    line << "Modify " << Name(m->GetVariable().GetID());
-  } else if (auto const* m = dynamic_cast<WeightVarMsg const*>(&message)) {
-    line << "Weight " << Name(m->GetWeightID());
-  } else if (auto const* m = dynamic_cast<FilterVarMsg const*>(&message)) {
-    line << "Filter " << Name(m->GetFilterID());
-  } else if (auto const* m = dynamic_cast<SplitFileMsg const*>(&message)) {
-    line << "Split " << m->GetSplitCount() << (m->GetSeparate() ? " separate" : "");
-    for (LocallyUniqueID id : m->GetSplitIDs()) line << " " << Name(id);
-  } else if (auto const* m = dynamic_cast<FileLabelChangeMsg const*>(&message)) {
-    line << "Label '" << m->GetLabel() << "'";
-  } else if (auto const* m = dynamic_cast<FileSpecChangeMsg const*>(&message)) {
-    line << "FileSpec '" << m->GetFileSpec() << "'";
-  } else if (auto const* m = dynamic_cast<ExtensionsMsg const*>(&message)) {
-    line << "Extension "
-         << (m->GetExtension().IsValid() ? std::to_string(m->GetExtension()->GetType())
-                                         : "0 removed");
-  } else if (dynamic_cast<TrendsInfoMsg const*>(&message) != nullptr) {
-    line << "Trends";
-  } else if (auto const* m = dynamic_cast<ImputationInfoMsg const*>(&message)) {
-    line << "Imputation " << m->rowsPerImputation;
-  } else if (auto const* m = dynamic_cast<ResetClientDataMsg const*>(&message)) {
-    line << "ResetClient " << m->GetRowCount();
-  } else if (auto const* m = dynamic_cast<DataSetModifiedMsg const*>(&message)) {
-    line << "Modified " << (m->GetDirty() ? "true" : "false");
-  } else if (dynamic_cast<ResetUndoMsg const*>(&message) != nullptr) {
-    line << "ResetUndo";
-  } else {
-    line << "?";
-  }
-  return line.str();
-}
-
 }  // namespace
 
 std::vector<std::string> DescribeQueue(std::vector<DataSetMsg*> const& queue) {
   std::vector<std::string> lines;
-  for (DataSetMsg const* message : queue)
-    lines.push_back(message != nullptr ? Short(*message) : "");
+  for (DataSetMsg const* message : queue) {
+    std::string const name = message->GetClassName();
+    lines.push_back(name.substr(name.rfind(':') + 1));
+    if (auto const* m = dynamic_cast<ExtensionsMsg const*>(message))
+      lines.back() += m->GetExtension().IsValid()
+                          ? " " + std::to_string(m->GetExtension()->GetType())
+                          : " removed";
+  }
   return lines;
 }
 

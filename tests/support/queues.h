@@ -27,9 +27,8 @@ std::vector<QUOR_Variable> VariablesOf(QUOR_DataSource const& source);
 // modifies) that stand in `queue` from position `from` on.
 std::vector<std::string> VariableLines(std::vector<DataSetMsg*> const& queue, std::size_t from = 0);
 
-// One short line per message, e.g. "Insert [X] before B", "Move 3 -> 0",
-// "Modify A", "Weight A", "Extension 7". Serial k of group 0 reads as the
-// k-th capital letter, as the tests build variables.
+// Each message's class name without its namespace, and an extension's type after it: the order of
+// a pass, whose contents a client copy checks.
 std::vector<std::string> DescribeQueue(std::vector<DataSetMsg*> const& queue);
 
 #endif  // SDM_TESTS_SUPPORT_QUEUES_H
