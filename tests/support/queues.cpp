@@ -6,17 +6,9 @@
 
 namespace {
 
-// The message's own line, with the labels of the variables it carries,
-// which that line leaves out: two definitions that differ only there must
-// not read alike.
 std::string Line(DataSetMsg const& message) {
   std::ostringstream out;
   out << message;
-  std::vector<QUOR_Variable> carried;
-  if (auto const* m = dynamic_cast<DeleteVarsMsg const*>(&message)) carried = m->GetVariables();
-  if (auto const* m = dynamic_cast<InsertVarsMsg const*>(&message)) carried = m->GetVariables();
-  if (auto const* m = dynamic_cast<ModifyVarMsg const*>(&message)) carried = {m->GetVariable()};
-  for (QUOR_Variable const& variable : carried) out << " '" << variable.GetLabel() << "'";
   return out.str();
 }
 
