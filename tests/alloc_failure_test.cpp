@@ -46,8 +46,8 @@ std::string Seed(std::string const& name) {
 // Counts notices without allocating: failures come from the library alone.
 struct Notices : ServerDataManagerObserver {
   void DataSetCreated(LocallyUniqueID const&, std::string const&) override { ++created; }
-  void DataSetDeleted(LocallyUniqueID const&) override { ++deleted; }
-  int created = 0, deleted = 0;
+  void DataSetDeleted(LocallyUniqueID const&) override {}
+  int created = 0;
 };
 // A client of the dataset: applies every queue it is shown to its copy,
 // with allocation failures held off, since the copy is the client's and
@@ -61,15 +61,6 @@ struct Watcher : SvrDMDataSetObserver {
   int count = 0;
   SvrDMClientCopy client;
 };
-// Keeps a clone of every message; a failure leaves it as it was.
-struct KeepingProxy : PackageProxy {
-  void SendToClient(int32_t, VSerializable& message) override {
-    kept.reserve(kept.size() + 1);
-    kept.emplace_back(message.Clone());
-  }
-  std::vector<std::unique_ptr<VSerializable>> kept;
-};
-
 // One run's state: a registry holding a dataset with a file, a silent one
 // and an empty one (identifiers 0, 16, 32), and what a scenario keeps.
 struct World {
@@ -87,7 +78,6 @@ struct World {
     registry.Clear();
   }
   Watcher watcher;
-  KeepingProxy proxy;
   ServerDataManager registry;
   Notices notices;
   std::vector<LocallyUniqueID> ids;
@@ -151,14 +141,8 @@ long RunOnce(Scenario const& s, long k, bool persistent) {
 // ---------------------------------------------------------------------------
 // The scenarios.
 
-void Hand(World& w, bool replacing) {
-  w.sourcesBefore = TrackedSource::live - (replacing ? 2 : 0);
-  w.source = TrackedSource::Chain(3, 2, 100);
-}
-
-// A failed add leaves the table as before but for a replaced dataset, hears
-// no creation and deletes the chain it was handed; a generated identifier
-// is used up all the same.
+// A failed add leaves the table as before, hears no creation and deletes
+// the chain it was handed; a generated identifier is used up all the same.
 void ExpectAdded(World& w, bool threw, LocallyUniqueID id, uint32_t nextSerial) {
   if (threw) {
     EXPECT_THROW(w.registry.GetDataSet(id), ErrorMsg);
@@ -273,33 +257,9 @@ Scenario SetDataSetCase(std::string name, int which) {
 
 std::vector<Scenario> const& Scenarios() {
   static std::vector<Scenario> const all = {
-      {"Add", [](World& w) { Hand(w, false); },
+      {"Add", [](World& w) { w.source = TrackedSource::Chain(3, 2, 100); },
        [](World& w) { w.id = w.registry.Add(*w.source, File(1), false); },
        [](World& w, bool threw) { ExpectAdded(w, threw, LocallyUniqueID(0, 3), 4); }},
-      {"AddWithIdentifier", [](World& w) { Hand(w, true); },
-       [](World& w) { w.registry.Add(*w.source, File(0), false, w.ids[0], 7); },
-       [](World& w, bool threw) {
-         EXPECT_EQ(w.notices.deleted, 1) << "the replaced dataset is announced gone";
-         ExpectAdded(w, threw, w.ids[0], 3);
-       }},
-      {"ReportWithAProxy",
-       [](World& w) {
-         w.item = w.registry.GetDataSet(w.ids[0]);
-         w.item->InitializeErrorMonitor(&w.proxy);
-         w.blocks = VUGlobal::LiveBlocks();
-       },
-       [](World& w) {
-         w.item->GetErrorMonitor()->Report(ErrorText{"a warning longer than a small buffer", 2, 7});
-       },
-       [](World& w, bool threw) {
-         InteractiveErrorMonitor* monitor = w.item->GetErrorMonitor();
-         EXPECT_TRUE(monitor->GetProxy() == &w.proxy && monitor->GetDataSetID() == w.ids[0]);
-         EXPECT_EQ(w.proxy.kept.size(), threw ? 0u : 1u);
-         EXPECT_EQ(VUGlobal::LiveBlocks(), w.blocks + static_cast<long>(w.proxy.kept.size()));
-         monitor->Report(ErrorText{"an error", 1, 0});
-         ASSERT_FALSE(w.proxy.kept.empty());
-         EXPECT_EQ(static_cast<ReportedErrorMsg&>(*w.proxy.kept.back()).GetText(), "an error");
-       }},
       {"EndOfAWriteAccessFindingEveryDifference", [](World& w) { Edited(w, false); },
        [](World& w) { delete std::exchange(w.writer, nullptr); }, CheckEnd},
       {"EndOfAWriteAccessInBulk", [](World& w) { Edited(w, true); },
