@@ -4,9 +4,9 @@
 #ifndef SDM_TESTS_SUPPORT_ACCESS_PROBES_H
 #define SDM_TESTS_SUPPORT_ACCESS_PROBES_H
 
-#include <atomic>
 #include <chrono>
 #include <functional>
+#include <future>
 #include <string>
 #include <thread>
 #include <utility>
@@ -74,39 +74,24 @@ inline int TryWrite(SvrDMItemPtr item) {
 }
 
 // Runs each named operation on a thread of its own, for a test that holds a
-// lock they all need; what they throw is swallowed. Early() names those that
+// lock they all need; what they throw is dropped. Early() names those that
 // finished within a pause long enough for an operation that waits for
-// nothing. Joins them when it goes: keep it until the lock is released.
-class Bystanders {
- public:
+// nothing. Its end waits for them all: keep it until the lock is released.
+struct Bystanders {
   using Operations = std::vector<std::pair<std::string, std::function<void()>>>;
-  explicit Bystanders(Operations operations) : ops_(std::move(operations)), done_(ops_.size()) {
-    for (std::size_t i = 0; i < ops_.size(); ++i) {
-      threads_.emplace_back([this, i] {
-        try {
-          ops_[i].second();
-        } catch (...) {
-        }
-        done_[i] = true;
-      });
-    }
-  }
-  ~Bystanders() {
-    for (std::thread& thread : threads_) thread.join();
+  explicit Bystanders(Operations const& operations) {
+    for (auto const& [name, run] : operations)
+      runs.emplace_back(name, std::async(std::launch::async, run));
   }
   std::vector<std::string> Early() {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     std::vector<std::string> early;
-    for (std::size_t i = 0; i < ops_.size(); ++i) {
-      if (done_[i]) early.push_back(ops_[i].first);
+    for (auto const& [name, run] : runs) {
+      if (run.wait_for(std::chrono::seconds(0)) == std::future_status::ready) early.push_back(name);
     }
     return early;
   }
-
- private:
-  Operations const ops_;
-  std::vector<std::atomic<bool>> done_;
-  std::vector<std::thread> threads_;
+  std::vector<std::pair<std::string, std::future<void>>> runs;
 };
 
 #endif  // SDM_TESTS_SUPPORT_ACCESS_PROBES_H
