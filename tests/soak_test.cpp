@@ -7,7 +7,6 @@
 //   SDM_SOAK_SEED=7 SDM_SOAK_OPS=5000000 sdm_soak_tests
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <mutex>
 #include <random>
@@ -25,32 +24,13 @@ long FromEnvironment(char const* name, long otherwise) {
   char const* value = std::getenv(name);
   return value != nullptr ? std::strtol(value, nullptr, 10) : otherwise;
 }
-long const gOperations = FromEnvironment("SDM_SOAK_OPS", 400000);  // over all threads
-uint32_t const gSeed = static_cast<uint32_t>(FromEnvironment("SDM_SOAK_SEED", 1));
-int const kThreads = 8, kSlots = 16;
-
-// A registry observer. The first one numbers the passes, under the lock of
-// the pass; the threads' own ones, registered and removed at random, must
-// hear consecutive passes while they stay in the list, each once.
-struct Recorder : ServerDataManagerObserver {
-  void DataSetCreated(LocallyUniqueID const&, std::string const&) override { Hear(); }
-  void DataSetDeleted(LocallyUniqueID const&) override { Hear(); }
-  void Hear() {
-    if (numbering == this) ++passes;
-    breaks += last != 0 && numbering->passes != last + 1;
-    last = numbering->passes;
-  }
-  Recorder* numbering = nullptr;  // set while registered
-  std::atomic<long> passes{0};
-  long last = 0, breaks = 0;
-};
 
 // A dataset's client: a pass missed or heard twice shows at the next one.
 struct Watcher : SvrDMDataSetObserver {
   void DataSetChanged(SvrDMWriteableDataSource const* writer) override {
     DataFreeDataSource none;  // what a dataset without a source reads as
-    QUOR_DataSource* live = writer->GetDataSource();
     std::string why = copy.Apply(writer->GetNotifications());
+    QUOR_DataSource* live = writer->GetDataSource();
     if (why.empty()) why = copy.Differences(live ? *live : none, false);
     if (!why.empty() && mismatches++ == 0) error = why;
   }
@@ -59,30 +39,31 @@ struct Watcher : SvrDMDataSetObserver {
   long mismatches = 0;
 };
 
-struct Worker {
+// What a thread keeps: its random numbers, its own variable serials, and
+// the registry observer and late client that it registers and removes.
+struct Worker : ServerDataManagerObserver {
+  void DataSetCreated(LocallyUniqueID const&, std::string const&) override {}
+  void DataSetDeleted(LocallyUniqueID const&) override {}
   int Below(int n) { return static_cast<int>(random() % static_cast<uint32_t>(n)); }
   TrackedSource* Chain() { return TrackedSource::Chain(1 + Below(3), Below(5), (serial += 8) - 8); }
   std::mt19937 random;
-  uint32_t serial;  // variables of this thread's own
-  Recorder recorder;
-  Watcher* late = nullptr;  // this thread's late client, while registered
+  uint32_t serial = 0;
+  bool registered = false;
+  Watcher* late = nullptr;
   SvrDMItemPtr lateItem;
 };
 
 class Soak {
  public:
-  Soak() {
+  void Run(uint32_t seed, long operations) {
     for (auto& slot : slots_) slot = LocallyUniqueID::kNone;
-  }
-  void Run() {
-    for (int i = 0; i < 4; ++i) files_.Write(std::to_string(i), "a\n1\n");
-    registry_.Register(*(notices_.numbering = &notices_));
-    std::deque<Worker> workers(kThreads);
+    files_.Write("a", "a\n1\n");
+    std::deque<Worker> workers(8);
     std::vector<std::thread> threads;
     for (Worker& w : workers) {
       w.serial = static_cast<uint32_t>(threads.size() + 1) << 22;
-      w.random.seed(gSeed * 7919u + w.serial);
-      threads.emplace_back([this, &w] { Work(w); });
+      w.random.seed(seed * 7919u + w.serial);
+      threads.emplace_back([&] { Work(w, operations / 8); });
     }
     // A deadlock stops every operation: a minute without one fails the run.
     std::atomic<bool> done{false};
@@ -99,90 +80,79 @@ class Soak {
     for (SvrDMDataset const& open : registry_.GetAllDatasets()) {
       EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0) << "an access counter is not 0";
     }
-    registry_.Clear();
     for (auto const& watcher : watchers_) EXPECT_EQ(watcher->mismatches, 0) << watcher->error;
-    for (Worker const& w : workers) EXPECT_EQ(w.recorder.breaks, 0) << "a pass missed or twice";
-    std::printf("[ soak      ] seed %u: %ld writes, %ld met 55, %ld notices, %zu watchers\n", gSeed,
-                writes_.load(), busy_.load(), notices_.passes.load(), watchers_.size());
+    std::printf("[ soak      ] seed %u: %ld writes, %ld met 55, %zu clients\n", seed,
+                writes_.load(), busy_.load(), watchers_.size());
     EXPECT_GT(busy_, 0);
   }
 
  private:
-  void Work(Worker& w) {
-    for (long op = 0; op < gOperations / kThreads; ++op, ++progress_) {
-      std::atomic<uint32_t>& slot = slots_[w.Below(kSlots)];
+  void Work(Worker& w, long operations) {
+    for (long op = 0; op < operations; ++op, ++progress_) {
+      std::atomic<uint32_t>& slot = slots_[w.Below(16)];
       int const choice = w.Below(100);
       bool const silent = w.Below(5) == 0;
       LocallyUniqueID id = LocallyUniqueID::FromWord(slot);
-      if (choice < 14) {  // a new dataset in the slot, in one of four ways; the one displaced goes
-        int const way = w.Below(4);  // the fourth replaces the slot's dataset under its identifier
-        if (way == 3 && (id = LocallyUniqueID::FromWord(slot.exchange(id.kNone))).IsNone())
-          continue;
-        if (way == 0) id = registry_.AddEmpty(silent);
-        if (way == 1) id = registry_.Add(*w.Chain(), w.Below(4) ? "" : File(w.Below(4)), silent);
-        if (way == 2) id = registry_.Add(*w.Chain(), "", "password", false, silent);
-        if (way == 3) registry_.Add(*w.Chain(), "", silent, id, 0);
-        {  // its watcher, before any pass can run; that access's pass tells it everything
-          SvrDMWriteableDataSource writer(registry_, id, false, nullptr);
-          writer.Register(*NewWatcher());
+      try {
+        if (choice <
+            14) {  // a new dataset in the slot, in one of four ways; the one displaced goes
+          int const way = w.Below(4);  // the fourth replaces the slot's under its identifier
+          if (way == 3 && (id = LocallyUniqueID::FromWord(slot.exchange(id.kNone))).IsNone())
+            continue;
+          if (way == 0) id = registry_.AddEmpty(silent);
+          if (way == 1)
+            id = registry_.Add(*w.Chain(), w.Below(4) ? "" : files_.PathOf("a"), silent);
+          if (way == 2) id = registry_.Add(*w.Chain(), "", "password", false, silent);
+          if (way == 3) registry_.Add(*w.Chain(), "", silent, id, 0);
+          // Its client, before any pass can run: that access's pass tells it everything.
+          SvrDMWriteableDataSource(registry_, id, false, nullptr).Register(*NewWatcher());
+          registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
+        } else if (choice < 18) {
+          registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
+        } else if (choice < 24) {
+          w.registered = !w.registered;
+          w.registered ? registry_.Register(w) : registry_.Unregister(w);
+        } else if (choice < 32) {  // a late client comes or goes
+          SvrDMItemPtr item = w.late || id.IsNone() ? nullptr : registry_.GetDataSet(id);
+          if (w.late) w.lateItem->Unregister(*std::exchange(w.late, nullptr));
+          if (!item.IsValid()) continue;
+          SvrDMInputDataSource reader(item, false);  // seeded from what its watchers were told
+          (w.late = NewWatcher())->copy.Seed(*item);
+          (w.lateItem = item)->Register(*w.late);
+        } else if (!id.IsNone() && choice < 50) {  // the dictionary holds still, the reader counted
+          SvrDMInputDataSource reader(registry_, id, false);
+          unsigned int const columns = reader.operator->() ? reader->ColumnCount() : 0;
+          std::this_thread::yield();
+          EXPECT_EQ(reader.operator->() ? reader->ColumnCount() : 0, columns);
+          EXPECT_GE(reader.ReadersCount(), 1);
+        } else if (!id.IsNone()) {
+          Write(w, id, choice >= 90);
         }
-        registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
-      } else if (choice < 18) {
-        registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
-      } else if (choice < 24) {  // the list changes under the lock that every pass holds
-        Recorder& r = w.recorder;
-        if (r.numbering != nullptr) registry_.Unregister(r);
-        r.numbering = r.numbering != nullptr ? nullptr : &notices_;
-        if (r.numbering != nullptr) r.last = 0, registry_.Register(r);
-      } else if (SvrDMItemPtr item = Find(id); choice < 32) {
-        Late(w, item);
-      } else if (item.IsValid() && choice < 50) {
-        SvrDMInputDataSource reader(item, false);  // the dictionary holds still, the reader counted
-        unsigned int const columns = reader.operator->() ? reader->ColumnCount() : 0;
-        std::this_thread::yield();
-        EXPECT_EQ(reader.operator->() ? reader->ColumnCount() : 0, columns);
-        EXPECT_GE(reader.ReadersCount(), 1);
-      } else if (item.IsValid()) {
-        Write(w, item, choice >= 90);
+      } catch (ErrorMsg const& error) {
+        EXPECT_EQ(error.GetCode(), 2001u);  // deleted since the slot was read
+      } catch (int code) {
+        EXPECT_TRUE(code == 55 && choice >= 90);
+        ++busy_;
       }
     }
-    if (w.recorder.numbering != nullptr) registry_.Unregister(w.recorder);
-    if (w.late != nullptr) Late(w, nullptr);
+    if (w.registered) registry_.Unregister(w);
   }
 
-  void Write(Worker& w, SvrDMItemPtr& item, bool tryOnly) {
-    try {
-      SvrDMWriteableDataSource writer(item, tryOnly, nullptr);
-      ++writes_;
-      EXPECT_GE(writer.WritersCount(), 1);
-      auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
-      if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
-      if (w.Below(20) == 0) writer.BulkVarMoves();
-      for (int edits = w.Below(5); edits > 0; --edits) {
-        int const n = static_cast<int>(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(6);
-        if (kind == 0) live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++w.serial), "n"));
-        if (kind == 1 && at < n) live->DeleteVariables(at, at);
-        if (kind == 2 && at < n) live->GetVariable(at).SetName("r" + std::to_string(w.Below(9)));
-        if (kind == 3) live->SetWeightVar(at < n ? at : -1);
-        if (kind == 4) live->SetLabel(w.Below(2) ? nullptr : "label");
-        if (kind == 5) live->rows = w.Below(5);
-      }
-    } catch (int code) {
-      EXPECT_TRUE(code == 55 && tryOnly);
-      ++busy_;
-    }
-  }
-
-  // A client joining an open dataset at any point of its life, seeded under
-  // one read access from what its watchers were told; or leaving it.
-  void Late(Worker& w, SvrDMItemPtr item) {
-    if (w.late != nullptr) {
-      w.lateItem->Unregister(*std::exchange(w.late, nullptr));
-      w.lateItem = nullptr;
-    } else if (item.IsValid()) {
-      SvrDMInputDataSource reader(item, false);
-      (w.late = NewWatcher())->copy.Seed(*item);
-      (w.lateItem = item)->Register(*w.late);
+  void Write(Worker& w, LocallyUniqueID id, bool tryOnly) {
+    SvrDMWriteableDataSource writer(registry_, id, tryOnly, nullptr);
+    ++writes_;
+    EXPECT_GE(writer.WritersCount(), 1);
+    auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
+    if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
+    if (w.Below(20) == 0) writer.BulkVarMoves();
+    for (int edits = w.Below(5); edits > 0; --edits) {
+      int const n = static_cast<int>(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(6);
+      if (kind == 0) live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++w.serial), "n"));
+      if (kind == 1 && at < n) live->DeleteVariables(at, at);
+      if (kind == 2 && at < n) live->GetVariable(at).SetName("r" + std::to_string(w.Below(9)));
+      if (kind == 3) live->SetWeightVar(at < n ? at : -1);
+      if (kind == 4) live->SetLabel(w.Below(2) ? nullptr : "label");
+      if (kind == 5) live->rows = w.Below(5);
     }
   }
 
@@ -191,30 +161,19 @@ class Soak {
     return watchers_.emplace_back(new Watcher).get();
   }
 
-  SvrDMItemPtr Find(LocallyUniqueID id) {
-    try {
-      if (!id.IsNone()) return registry_.GetDataSet(id);
-    } catch (ErrorMsg const& error) {
-      EXPECT_EQ(error.GetCode(), 2001u);  // deleted since the slot was read
-    }
-    return nullptr;
-  }
-
-  std::string File(int i) { return files_.PathOf(std::to_string(i)); }
-
   ScratchDir files_;
   std::mutex watchersMutex_;
   std::deque<std::unique_ptr<Watcher>> watchers_;  // outlive every item
   ServerDataManager registry_;
-  Recorder notices_;
-  std::atomic<uint32_t> slots_[kSlots];
+  std::atomic<uint32_t> slots_[16];
   std::atomic<long> progress_{0}, writes_{0}, busy_{0};
 };
 
 TEST(Soak, ManyThreadsOnOneRegistryLoseNothing) {
   long const sources = TrackedSource::live, messages = VUGlobal::LiveBlocks();
   int const files = CountOpenDescriptors();
-  Soak().Run();
+  Soak().Run(static_cast<uint32_t>(FromEnvironment("SDM_SOAK_SEED", 1)),
+             FromEnvironment("SDM_SOAK_OPS", 400000));
   EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
   EXPECT_EQ(TrackedSource::destroyedTwice, 0);
   EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
