@@ -29,8 +29,8 @@ long FromEnvironment(char const* name, long otherwise) {
 struct Watcher : SvrDMDataSetObserver {
   void DataSetChanged(SvrDMWriteableDataSource const* writer) override {
     DataFreeDataSource none;  // what a dataset without a source reads as
-    std::string why = copy.Apply(writer->GetNotifications());
     QUOR_DataSource* live = writer->GetDataSource();
+    std::string why = copy.Apply(writer->GetNotifications());
     if (why.empty()) why = copy.Differences(live ? *live : none, false);
     if (!why.empty() && mismatches++ == 0) error = why;
   }
@@ -39,8 +39,8 @@ struct Watcher : SvrDMDataSetObserver {
   long mismatches = 0;
 };
 
-// What a thread keeps: its random numbers, its own variable serials, and
-// the registry observer and late client that it registers and removes.
+// A thread's own: its random numbers and variable serials, and the registry
+// observer (itself) and late client that it registers and removes.
 struct Worker : ServerDataManagerObserver {
   void DataSetCreated(LocallyUniqueID const&, std::string const&) override {}
   void DataSetDeleted(LocallyUniqueID const&) override {}
@@ -53,40 +53,8 @@ struct Worker : ServerDataManagerObserver {
   SvrDMItemPtr lateItem;
 };
 
-class Soak {
- public:
-  void Run(uint32_t seed, long operations) {
-    for (auto& slot : slots_) slot = LocallyUniqueID::kNone;
-    files_.Write("a", "a\n1\n");
-    std::deque<Worker> workers(8);
-    std::vector<std::thread> threads;
-    for (Worker& w : workers) {
-      w.serial = static_cast<uint32_t>(threads.size() + 1) << 22;
-      w.random.seed(seed * 7919u + w.serial);
-      threads.emplace_back([&] { Work(w, operations / 8); });
-    }
-    // A deadlock stops every operation: a minute without one fails the run.
-    std::atomic<bool> done{false};
-    std::thread watchdog([&] {
-      for (long last = -1, idle = 0; !done; std::this_thread::sleep_for(std::chrono::seconds(1))) {
-        idle = progress_ == last ? idle + 1 : 0;
-        last = progress_;
-        if (idle == 60) std::fputs("soak: no progress for a minute: deadlock\n", stderr), abort();
-      }
-    });
-    for (std::thread& thread : threads) thread.join();
-    done = true;
-    watchdog.join();
-    for (SvrDMDataset const& open : registry_.GetAllDatasets()) {
-      EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0) << "an access counter is not 0";
-    }
-    for (auto const& watcher : watchers_) EXPECT_EQ(watcher->mismatches, 0) << watcher->error;
-    std::printf("[ soak      ] seed %u: %ld writes, %ld met 55, %zu clients\n", seed,
-                writes_.load(), busy_.load(), watchers_.size());
-    EXPECT_GT(busy_, 0);
-  }
-
- private:
+class Soak : public ::testing::Test {
+ protected:
   void Work(Worker& w, long operations) {
     for (long op = 0; op < operations; ++op, ++progress_) {
       std::atomic<uint32_t>& slot = slots_[w.Below(16)];
@@ -126,7 +94,20 @@ class Soak {
           EXPECT_EQ(reader.operator->() ? reader->ColumnCount() : 0, columns);
           EXPECT_GE(reader.ReadersCount(), 1);
         } else if (!id.IsNone()) {
-          Write(w, id, choice >= 90);
+          SvrDMWriteableDataSource writer(registry_, id, choice >= 90, nullptr);
+          EXPECT_GE(writer.WritersCount(), 1);
+          auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
+          if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
+          if (w.Below(20) == 0) writer.BulkVarMoves();
+          for (int edits = w.Below(5); edits > 0; --edits) {
+            int const n = int(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(6);
+            if (kind == 0) live->InsertVariable(at, QUOR_Variable({0, ++w.serial}, "n"));
+            if (kind == 1 && at < n) live->DeleteVariables(at, at);
+            if (kind == 2 && at < n) live->GetVariable(at).SetName(std::to_string(w.Below(9)));
+            if (kind == 3) live->SetWeightVar(at < n ? at : -1);
+            if (kind == 4) live->SetLabel(w.Below(2) ? nullptr : "label");
+            if (kind == 5) live->rows = w.Below(5);
+          }
         }
       } catch (ErrorMsg const& error) {
         EXPECT_EQ(error.GetCode(), 2001u);  // deleted since the slot was read
@@ -136,24 +117,6 @@ class Soak {
       }
     }
     if (w.registered) registry_.Unregister(w);
-  }
-
-  void Write(Worker& w, LocallyUniqueID id, bool tryOnly) {
-    SvrDMWriteableDataSource writer(registry_, id, tryOnly, nullptr);
-    ++writes_;
-    EXPECT_GE(writer.WritersCount(), 1);
-    auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
-    if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
-    if (w.Below(20) == 0) writer.BulkVarMoves();
-    for (int edits = w.Below(5); edits > 0; --edits) {
-      int const n = static_cast<int>(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(6);
-      if (kind == 0) live->InsertVariable(at, QUOR_Variable(LocallyUniqueID(0, ++w.serial), "n"));
-      if (kind == 1 && at < n) live->DeleteVariables(at, at);
-      if (kind == 2 && at < n) live->GetVariable(at).SetName("r" + std::to_string(w.Below(9)));
-      if (kind == 3) live->SetWeightVar(at < n ? at : -1);
-      if (kind == 4) live->SetLabel(w.Below(2) ? nullptr : "label");
-      if (kind == 5) live->rows = w.Below(5);
-    }
   }
 
   Watcher* NewWatcher() {
@@ -166,14 +129,42 @@ class Soak {
   std::deque<std::unique_ptr<Watcher>> watchers_;  // outlive every item
   ServerDataManager registry_;
   std::atomic<uint32_t> slots_[16];
-  std::atomic<long> progress_{0}, writes_{0}, busy_{0};
+  std::atomic<long> progress_{0}, busy_{0};
 };
 
-TEST(Soak, ManyThreadsOnOneRegistryLoseNothing) {
+TEST_F(Soak, ManyThreadsOnOneRegistryLoseNothing) {
   long const sources = TrackedSource::live, messages = VUGlobal::LiveBlocks();
   int const files = CountOpenDescriptors();
-  Soak().Run(static_cast<uint32_t>(FromEnvironment("SDM_SOAK_SEED", 1)),
-             FromEnvironment("SDM_SOAK_OPS", 400000));
+  uint32_t const seed = static_cast<uint32_t>(FromEnvironment("SDM_SOAK_SEED", 1));
+  long const operations = FromEnvironment("SDM_SOAK_OPS", 400000) / 8;
+  for (auto& slot : slots_) slot = LocallyUniqueID::kNone;
+  files_.Write("a", "a\n1\n");
+  std::deque<Worker> workers(8);
+  std::vector<std::thread> threads;
+  for (Worker& w : workers) {
+    w.serial = static_cast<uint32_t>(threads.size() + 1) << 22;
+    w.random.seed(seed * 7919u + w.serial);
+    threads.emplace_back([&] { Work(w, operations); });
+  }
+  // A deadlock stops every operation: a minute without one fails the run.
+  std::atomic<bool> done{false};
+  std::thread watchdog([&] {
+    for (long last = -1, idle = 0; !done; std::this_thread::sleep_for(std::chrono::seconds(1))) {
+      idle = progress_ == last ? idle + 1 : 0;
+      last = progress_;
+      if (idle == 60) std::fputs("soak: no progress for a minute: deadlock\n", stderr), abort();
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  done = true;
+  watchdog.join();
+  for (SvrDMDataset const& open : registry_.GetAllDatasets()) {
+    EXPECT_EQ(open.WritersCount() + open.ReadersCount(), 0) << "an access counter is not 0";
+  }
+  for (auto const& watcher : watchers_) EXPECT_EQ(watcher->mismatches, 0) << watcher->error;
+  EXPECT_GT(busy_, 0) << "no try-writer met a held lock";
+  registry_.Clear();
+  workers.clear();
   EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
   EXPECT_EQ(TrackedSource::destroyedTwice, 0);
   EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
