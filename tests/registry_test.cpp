@@ -1,5 +1,3 @@
-#include <cstdio>
-#include <cstdlib>
 #include <stdexcept>
 #include <thread>
 
@@ -143,21 +141,11 @@ TEST_F(RegistryTest, EveryOperationWaitsWhileAnotherThreadHoldsTheRegistry) {
   EXPECT_EQ(early, Lines{}) << "finished while the registry was held";
 }
 
-// Static objects of a server that use the process registry. This file's
-// initialisers run before the library's (its objects come first in the
-// link), so the registry, and every constant the notify pass reads, must be
-// there when the early user's constructor asks, and stay the same registry.
-// The late user, built before anything asked for the registry, uses it from
-// its destructor.
-struct LateUser {
-  ~LateUser() {
-    if (!armed) return;
-    ServerDataManager::GetInstance().Delete(ServerDataManager::GetInstance().AddEmpty(true));
-    std::fputs("late user done\n", stderr);
-  }
-  bool armed = false;
-} gLateUser;
-
+// A server's static object that uses the process registry from its
+// constructor. This file's initialisers run before the library's (its
+// objects come first in the link), so the registry, and every constant the
+// notify pass reads, must be there when first asked for, and stay the same
+// registry when later files start.
 struct EarlyUser : SvrDMDataSetObserver {
   EarlyUser() {
     auto* source = new DataFreeDataSource;
@@ -174,11 +162,9 @@ struct EarlyUser : SvrDMDataSetObserver {
   bool insertedAtTheEnd = false;
 } gEarlyUser;
 
-TEST(RegistryInstanceTest, UsableFromStaticObjectsBuiltBeforeTheLibrarysFromStartToEnd) {
+TEST(RegistryInstanceTest, UsableFromAStaticObjectBuiltBeforeTheLibrarysAndKeptFromThen) {
   EXPECT_TRUE(gEarlyUser.insertedAtTheEnd);
   EXPECT_EQ(SvrDMDataset(gEarlyUser.id).GetDataSetID(), gEarlyUser.id);
-  EXPECT_EXIT((gLateUser.armed = true, std::exit(0)), ::testing::ExitedWithCode(0),
-              "late user done");
 }
 
 }  // namespace

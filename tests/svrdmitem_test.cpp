@@ -1,10 +1,8 @@
 // The item: its end, and the notify pass at the end of a write access.
 #include <ctime>
-#include <functional>
 #include <stdexcept>
-#include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -19,6 +17,7 @@ class NotifyTest : public ::testing::Test {
  protected:
   NotifyTest() { SettleSnapshot(item_); }
   SvrDMItemPtr Item(LocallyUniqueID id) { return registry_.GetDataSet(id); }
+  void Unregister() { item_->Unregister(a_), item_->Unregister(b_); }
   // One write access that queues a message per label and leaves out `skip`.
   void Write(SvrDMItemPtr& item, Log const& labels, SvrDMDataSetObserver* skip = nullptr) {
     SvrDMWriteableDataSource writer(item, false, skip);
@@ -33,28 +32,22 @@ class NotifyTest : public ::testing::Test {
   Listener a_{"A", &log_}, b_{"B", &log_};
 };
 
+// Each case: the registrations in order, the one left out, what is queued,
+// and what is heard; the queue's messages are deleted after the pass.
 TEST_F(NotifyTest, PassTellsEachRegistrationButTheSkippedOneThenDeletesTheQueue) {
-  struct Case {
-    std::vector<Listener*> registered;
-    Listener* skip;
-    Log queued, heard;
-  } const cases[] = {
-      {{&a_}, nullptr, {}, {}},
+  std::tuple<std::vector<Listener*>, Listener*, Log, Log> const cases[] = {
       {{&a_}, nullptr, {"m1", "m2"}, {"A: m1 m2"}},
       {{&a_, &b_}, &a_, {"m"}, {"B: m"}},
       {{&a_, &b_, &a_}, nullptr, {"m"}, {"A: m", "B: m", "A: m"}},
       {{}, nullptr, {"m"}, {}},  // one Unregister removed both entries of A
   };
-  for (Case const& c : cases) {
+  for (auto const& [registered, skip, queued, heard] : cases) {
     log_.clear();
-    freed_ = 0;
-    for (Listener* observer : c.registered) item_->Register(*observer);
-    Write(item_, c.queued, c.skip);
-    EXPECT_EQ(log_, c.heard);
-    EXPECT_TRUE(item_->notifications.empty());
-    EXPECT_EQ(freed_, static_cast<int>(c.queued.size()));
-    item_->Unregister(a_);
-    item_->Unregister(b_);
+    for (Listener* observer : registered) item_->Register(*observer);
+    Write(item_, queued, skip);
+    EXPECT_EQ(log_, heard);
+    EXPECT_EQ(std::exchange(freed_, 0), int(queued.size()));
+    Unregister();
   }
 }
 
@@ -88,16 +81,6 @@ TEST_F(NotifyTest, AccessEndsCleanlyWhenAnObserverThrowsAndItsExceptionPasses) {
   EXPECT_EQ(freed_, 2);
 }
 
-TEST_F(NotifyTest, SnapshotIsUpdatedOnlyWhenSomeoneWillHear) {
-  SvrDMItemPtr announced = Item(registry_.Add(*new TrackedSource, "", false));
-  SvrDMItemPtr silent = Item(registry_.AddEmpty(true)), due = Item(registry_.AddEmpty(false));
-  for (SvrDMItemPtr item : {announced, silent, due}) Write(item, {});
-  SettleSnapshot(silent);                                 // a dataset observer makes it worth it
-  EXPECT_EQ(announced->observerView.RowCountSeen(), -2);  // never updated
-  EXPECT_NE(silent->observerView.RowCountSeen(), -2);
-  EXPECT_NE(due->observerView.RowCountSeen(), -2);  // a creation notice is due
-}
-
 // Observers come and go under the lock that the comparison with the
 // snapshot and the delivery hold: a thread that registers or unregisters
 // meanwhile waits.
@@ -126,8 +109,12 @@ TEST_F(NotifyTest, ObserversWaitWhileThePassComparesAndDelivers) {
 
 TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) {
   registry_.Register(a_);
-  SvrDMItemPtr item = Item(registry_.AddEmpty(false));
-  SettleSnapshot(item);
+  SvrDMItemPtr item = Item(registry_.AddEmpty(false)), silent = Item(registry_.AddEmpty(true));
+  Write(item, {}), Write(silent, {});
+  // The snapshot is worth updating only when someone will hear: here the
+  // registry's observers, of a notice due; nobody, of the silent one.
+  EXPECT_NE(item->observerView.RowCountSeen(), -2);
+  EXPECT_EQ(silent->observerView.RowCountSeen(), -2);
   item->Register(a_);
   Write(item, {"m1"});  // a message but no source: the notice waits
   // A source that reads like the empty snapshot: nothing queued, no notice.
