@@ -15,27 +15,26 @@
 #include "ServerDataManager.h"
 #include "support/tracked_source.h"
 
-// A message with a label that counts its destruction in `*destroyed`.
+// A message that goes by its label for a class name and counts its
+// destruction in `*destroyed`.
 struct ProbeMessage : DataSetMsg {
   ProbeMessage(std::string text, int* counter) : label(std::move(text)), destroyed(counter) {}
   ~ProbeMessage() override { ++*destroyed; }
   VSerializable* Clone() const override { return new ProbeMessage(label, destroyed); }
-  char const* GetClassName() const override { return "ProbeMessage"; }
+  char const* GetClassName() const override { return label.c_str(); }
   std::string const label;
   int* const destroyed;
 };
 
-// Logs "<name>: <labels>" for each pass (class names for other messages),
+// Logs "<name>: <class names>" for each pass,
 // "<name> created <id word> <file>" and "<name> deleted <id word>", then
 // runs `then`, if set.
 struct Listener : SvrDMDataSetObserver, ServerDataManagerObserver {
   Listener(std::string text, std::vector<std::string>* out) : name(std::move(text)), log(out) {}
   void DataSetChanged(SvrDMWriteableDataSource const* source) override {
     std::string entry = name + ":";
-    for (DataSetMsg* message : source->GetNotifications()) {
-      auto const* probe = dynamic_cast<ProbeMessage const*>(message);
-      entry += " " + (probe != nullptr ? probe->label : std::string(message->GetClassName()));
-    }
+    for (DataSetMsg* message : source->GetNotifications())
+      (entry += " ") += message->GetClassName();
     Log(entry);
   }
   void DataSetCreated(LocallyUniqueID const& id, std::string const& file) override {
@@ -52,16 +51,6 @@ struct Listener : SvrDMDataSetObserver, ServerDataManagerObserver {
   std::string const name;
   std::vector<std::string>* const log;
 };
-
-// One watched write access, so that the snapshot matches the live source
-// and later passes queue only what a test adds.
-inline void SettleSnapshot(SvrDMItemPtr& item) {
-  std::vector<std::string> ignored;
-  Listener quiet("", &ignored);
-  item->Register(quiet);
-  { SvrDMWriteableDataSource writer(item, false, nullptr); }
-  item->Unregister(quiet);
-}
 
 // One try for write access: 55 when it fails, 0 when the lock was had.
 inline int TryWrite(SvrDMItemPtr item) {
