@@ -57,58 +57,9 @@ class Soak : public ::testing::Test {
  protected:
   void Work(Worker& w, long operations) {
     for (long op = 0; op < operations; ++op, ++progress_) {
-      std::atomic<uint32_t>& slot = slots_[w.Below(16)];
       int const choice = w.Below(100);
-      bool const silent = w.Below(5) == 0;
-      LocallyUniqueID id = LocallyUniqueID::FromWord(slot);
       try {
-        if (choice <
-            14) {  // a new dataset in the slot, in one of four ways; the one displaced goes
-          int const way = w.Below(4);  // the fourth replaces the slot's under its identifier
-          if (way == 3 && (id = LocallyUniqueID::FromWord(slot.exchange(id.kNone))).IsNone())
-            continue;
-          if (way == 0) id = registry_.AddEmpty(silent);
-          if (way == 1)
-            id = registry_.Add(*w.Chain(), w.Below(4) ? "" : files_.PathOf("a"), silent);
-          if (way == 2) id = registry_.Add(*w.Chain(), "", "password", false, silent);
-          if (way == 3) registry_.Add(*w.Chain(), "", silent, id, 0);
-          // Its client, before any pass can run: that access's pass tells it everything.
-          SvrDMWriteableDataSource(registry_, id, false, nullptr).Register(*NewWatcher());
-          registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
-        } else if (choice < 18) {
-          registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
-        } else if (choice < 24) {
-          w.registered = !w.registered;
-          w.registered ? registry_.Register(w) : registry_.Unregister(w);
-        } else if (choice < 32) {  // a late client comes or goes
-          SvrDMItemPtr item = w.late || id.IsNone() ? nullptr : registry_.GetDataSet(id);
-          if (w.late) w.lateItem->Unregister(*std::exchange(w.late, nullptr));
-          if (!item.IsValid()) continue;
-          SvrDMInputDataSource reader(item, false);  // seeded from what its watchers were told
-          (w.late = NewWatcher())->copy.Seed(*item);
-          (w.lateItem = item)->Register(*w.late);
-        } else if (!id.IsNone() && choice < 50) {  // the dictionary holds still, the reader counted
-          SvrDMInputDataSource reader(registry_, id, false);
-          unsigned int const columns = reader.operator->() ? reader->ColumnCount() : 0;
-          std::this_thread::yield();
-          EXPECT_EQ(reader.operator->() ? reader->ColumnCount() : 0, columns);
-          EXPECT_GE(reader.ReadersCount(), 1);
-        } else if (!id.IsNone()) {
-          SvrDMWriteableDataSource writer(registry_, id, choice >= 90, nullptr);
-          EXPECT_GE(writer.WritersCount(), 1);
-          auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
-          if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
-          if (w.Below(20) == 0) writer.BulkVarMoves();
-          for (int edits = w.Below(5); edits > 0; --edits) {
-            int const n = int(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(6);
-            if (kind == 0) live->InsertVariable(at, QUOR_Variable({0, ++w.serial}, "n"));
-            if (kind == 1 && at < n) live->DeleteVariables(at, at);
-            if (kind == 2 && at < n) live->GetVariable(at).SetName(std::to_string(w.Below(9)));
-            if (kind == 3) live->SetWeightVar(at < n ? at : -1);
-            if (kind == 4) live->SetLabel(w.Below(2) ? nullptr : "label");
-            if (kind == 5) live->rows = w.Below(5);
-          }
-        }
+        Step(w, slots_[w.Below(16)], choice);
       } catch (ErrorMsg const& error) {
         EXPECT_EQ(error.GetCode(), 2001u);  // deleted since the slot was read
       } catch (int code) {
@@ -117,6 +68,51 @@ class Soak : public ::testing::Test {
       }
     }
     if (w.registered) registry_.Unregister(w);
+  }
+
+  void Step(Worker& w, std::atomic<uint32_t>& slot, int choice) {
+    LocallyUniqueID id = LocallyUniqueID::FromWord(slot);
+    if (choice < 14) {  // a new dataset in the slot, in one of four ways; the one displaced goes
+      int const way = w.Below(4);  // the fourth replaces the slot's under its identifier
+      bool const silent = w.Below(5) == 0;
+      if (way == 3 && (id = LocallyUniqueID::FromWord(slot.exchange(id.kNone))).IsNone()) return;
+      if (way == 0) id = registry_.AddEmpty(silent);
+      if (way == 1) id = registry_.Add(*w.Chain(), w.Below(4) ? "" : files_.PathOf("a"), silent);
+      if (way == 2) id = registry_.Add(*w.Chain(), "", "password", false, silent);
+      if (way == 3) registry_.Add(*w.Chain(), "", silent, id, 0);
+      // Its client, before any pass can run: that access's pass tells it everything.
+      SvrDMWriteableDataSource(registry_, id, false, nullptr).Register(*NewWatcher());
+      registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
+    } else if (choice < 18) {
+      registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
+    } else if (choice < 24) {
+      w.registered = !w.registered;
+      w.registered ? registry_.Register(w) : registry_.Unregister(w);
+    } else if (choice < 32) {  // a late client comes or goes
+      SvrDMItemPtr item = w.late || id.IsNone() ? nullptr : registry_.GetDataSet(id);
+      if (w.late) w.lateItem->Unregister(*std::exchange(w.late, nullptr));
+      if (!item.IsValid()) return;
+      SvrDMInputDataSource reader(item, false);  // seeded from what its watchers were told
+      (w.late = NewWatcher())->copy.Seed(*item);
+      (w.lateItem = item)->Register(*w.late);
+    } else if (id.IsNone()) {
+    } else if (choice < 50) {  // a reader holds and is counted
+      EXPECT_GE(SvrDMInputDataSource(registry_, id, false).ReadersCount(), 1);
+    } else {
+      SvrDMWriteableDataSource writer(registry_, id, choice >= 90, nullptr);
+      EXPECT_GE(writer.WritersCount(), 1);
+      auto* live = dynamic_cast<TrackedSource*>(writer.GetDataSource());
+      if (live == nullptr || w.Below(20) == 0) writer.SetDataSet(live = w.Chain());
+      if (w.Below(20) == 0) writer.BulkVarMoves();
+      for (int edits = w.Below(5); edits > 0; --edits) {
+        int const n = static_cast<int>(live->ColumnCount()), at = w.Below(n + 1), kind = w.Below(5);
+        if (kind == 0) live->InsertVariable(at, QUOR_Variable({0, ++w.serial}, "n"));
+        if (kind == 1 && at < n) live->DeleteVariables(at, at);
+        if (kind == 2 && at < n) live->GetVariable(at).SetName(std::to_string(w.Below(9)));
+        if (kind == 3) live->SetWeightVar(at < n ? at : -1);
+        if (kind == 4) live->rows = w.Below(5);
+      }
+    }
   }
 
   Watcher* NewWatcher() {

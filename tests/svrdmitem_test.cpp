@@ -131,18 +131,16 @@ TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirstOnce)
   int freed = 0;
   long const blocks = VUGlobal::LiveBlocks();
   {
-    SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(0, 1), TrackedSource::Chain(&log, {"h", "r"}),
-                                    nullptr, 7, "", true));
+    SvrDMItemPtr item(
+        new SvrDMItem({0, 1}, TrackedSource::Chain(&log, {"h", "r"}), nullptr, 7, "", true));
     std::time_t now = std::time(nullptr);
     std::tm local = *std::localtime(&now);  // stamped in local time, seconds from 1970
     EXPECT_NEAR(item->objCreationTime, double(timegm(&local)), 5.0);
     item->notifications.push_back(new ProbeMessage("queued", &freed));
     item->notifications.push_back(nullptr);
-    item->SetBootstrapSpecs(new SvrBootstrapSpecs());
-    item->SetBootstrapSpecs(new SvrBootstrapSpecs());  // the first is freed (asan checks)
     item->DeleteDataSource();
-    EXPECT_EQ(log, (Log{"h", "r"}));
     EXPECT_EQ(item->dataSource, nullptr);
+    EXPECT_EQ(log, (Log{"h", "r"}));
   }
   EXPECT_EQ(freed * 10 + log.size(), 12u);  // and nothing twice
   EXPECT_EQ(VUGlobal::LiveBlocks(), blocks);
@@ -151,8 +149,7 @@ TEST(SvrDMItemTest, EndDeletesQueuedMessagesUndeliveredAndTheChainHeadFirstOnce)
 
 TEST(SvrDMItemDeathTest, CopyingAnItemStopsTheProcess) {
   ::testing::FLAGS_gtest_death_test_style = "threadsafe";
-  SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(0, 1), nullptr, nullptr, 0, "", true));
-  SvrDMItemPtr other(item);
+  SvrDMItemPtr item(new SvrDMItem()), other(item);
   EXPECT_DEATH(other.Unshared(), "SvrDMItem::SvrDMItem\\(const SvrDMItem&\\).*Assertion `0'");
 }
 
