@@ -1,17 +1,21 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <tuple>
 #include <utility>
 
 #include "ServerDataManager.h"
+#include "support/queues.h"
 #include "support/scratchdir.h"
+#include "support/tracked_source.h"
 
 namespace {
 
 constexpr int64_t kBase = 1600000000;
 
-// One data file at a known time, and a second spelling of it, as a
-// case-blind file system gives; every stream opened must be closed again.
+// The item's data file and its chain of sources. One data file at a known
+// time, and a second spelling of it, as a case-blind file system gives;
+// every stream opened must be closed again.
 class FileLockTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -67,6 +71,45 @@ TEST_F(FileLockTest, RegistryHoldsAFileOnceAndTheLastCaseBlindMatchAnswers) {
   registry.Delete(first);
   EXPECT_FALSE(registry.SavFileExternallyChanged(data_));  // nobody holds it now
   EXPECT_EQ(Held(second), "none -" + std::to_string(kBase) + " 0");
+}
+
+// Whether the item starts with the chain A -> B -> C (head first) or with no
+// source; the new head: 0 none, 'A'..'C' a member of the old chain, 'N' a new
+// source over A, 'X' the head of a new chain X -> Y; what the call deletes;
+// and what is deleted once the item is gone too. Every replacement of a
+// source queues ResetUndo, before anything a pass adds, and with a source
+// the file is held afresh, its present time the base.
+TEST_F(FileLockTest, SetDataSetDeletesExactlyTheSourcesLeftOverHeadFirst) {
+  using Names = std::vector<std::string>;
+  std::tuple<bool, char, Names, Names> const cases[] = {
+      {false, 0, {}, {}},
+      {false, 'X', {}, {"X", "Y"}},
+      {true, 'A', {}, {"A", "B", "C"}},
+      {true, 'B', {"A"}, {"A", "B", "C"}},
+      {true, 'C', {"A", "B"}, {"A", "B", "C"}},
+      {true, 'N', {}, {"N", "A", "B", "C"}},
+      {true, 'X', {"A", "B", "C"}, {"A", "B", "C", "X", "Y"}},
+      {true, 0, {"A", "B", "C"}, {"A", "B", "C"}},
+  };
+  for (auto const& [withChain, next, deletedBySet, deletedInAll] : cases) {
+    SCOPED_TRACE(std::string(withChain ? "A -> " : "none -> ") + next);
+    SetModificationTime(data_, kBase);
+    Names log;
+    QUOR_DataSource* head = withChain ? TrackedSource::Chain(&log, {"A", "B", "C"}) : nullptr;
+    SvrDMItemPtr item(new SvrDMItem({0, 1}, head, nullptr, 0, head ? data_ : "", true));
+    item->fileName = data_;  // an empty dataset holds no file until it has a source
+    for (char at = 'A'; at < next && next <= 'C'; ++at) head = head->GetParentSource();
+    if (next == 'N') (head = TrackedSource::Chain(&log, {"N"}))->SetParentSource(item->dataSource);
+    if (next == 'X') head = TrackedSource::Chain(&log, {"X", "Y"});
+    if (next == 0) head = nullptr;
+    SetModificationTime(data_, kBase + 1);
+    item->SetDataSet(head);
+    EXPECT_EQ(log, deletedBySet);
+    EXPECT_EQ(DescribeQueue(item->notifications), withChain ? Names{"ResetUndo"} : Names{});
+    EXPECT_EQ(Held(item), head ? data_ + " 1 1" : "none -" + std::to_string(kBase) + " 0");
+    item = nullptr;
+    EXPECT_EQ(log, deletedInAll);
+  }
 }
 
 }  // namespace

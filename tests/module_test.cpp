@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -18,14 +19,9 @@ namespace fs = std::filesystem;
 // Whether a line of /proc/self/maps ends in `path`, or a descriptor of the
 // process is open on it (the listing's own is closed by the time it is read).
 bool IsMapped(std::string const& path) {
-  std::ifstream maps("/proc/self/maps");
-  std::string line;
-  while (std::getline(maps, line)) {
-    if (line.size() > path.size() &&
-        line.compare(line.size() - path.size(), path.size(), path) == 0)
-      return true;
-  }
-  return false;
+  std::stringstream maps;
+  maps << std::ifstream("/proc/self/maps").rdbuf();
+  return maps.str().find(path + "\n") != std::string::npos;
 }
 bool IsOpen(std::string const& path) {
   std::error_code gone;
