@@ -107,8 +107,9 @@ TEST_F(RegistryTest, EveryOperationWaitsWhileAnotherThreadHoldsTheRegistry) {
   SvrDMItemPtr due(new SvrDMItem({0, 999}, new TrackedSource, &registry, 0, "", true));
   std::unique_ptr<Bystanders> bystanders;
   Lines early;
+  bool held = false;
   a.then = [&] {
-    if (bystanders != nullptr) return;  // the other threads' notices come after this one's
+    if (std::exchange(held, true)) return;  // the other threads' notices come after this one's
     bystanders = std::make_unique<Bystanders>(Bystanders::Operations{
         {"Add", [&] { registry.Add(*new TrackedSource, "", true); }},
         {"Add with password", [&] { registry.Add(*new TrackedSource, "", "pw", false, true); }},
@@ -131,7 +132,6 @@ TEST_F(RegistryTest, EveryOperationWaitsWhileAnotherThreadHoldsTheRegistry) {
     early = bystanders->Early();
   };
   registry.Delete(ids[0]);
-  a.then = nullptr;
   bystanders = nullptr;
   EXPECT_EQ(early, Lines{}) << "finished while the registry was held";
 }
