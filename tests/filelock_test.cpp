@@ -1,103 +1,115 @@
 #include <gtest/gtest.h>
 
-#include <cstdint>
-#include <cstdio>
 #include <filesystem>
-#include <string>
+#include <tuple>
+#include <utility>
 
 #include "ServerDataManager.h"
+#include "support/queues.h"
 #include "support/scratchdir.h"
+#include "support/tracked_source.h"
 
 namespace {
 
 constexpr int64_t kBase = 1600000000;
 
-// Each test gets its own directory with one data file at a known time, and
-// checks on the way out that every stream it opened was closed again.
+// The item's data file and its chain of sources. One data file at a known
+// time, and a second spelling of it, as a case-blind file system gives;
+// every stream opened must be closed again.
 class FileLockTest : public ::testing::Test {
  protected:
   void SetUp() override {
     SetModificationTime(data_, kBase);
-    // A second spelling of the same file, as a case-blind file system gives.
     std::filesystem::create_hard_link(data_, upper_);
   }
   void TearDown() override { EXPECT_EQ(CountOpenDescriptors(), atStart_); }
-
-  static SvrDMItemPtr MakeItem(std::string const& name) {
-    return SvrDMItemPtr(new SvrDMItem(LocallyUniqueID(0, 7), nullptr, nullptr, 0, name, true));
-  }
-  // The item holds `name` against the base `time`, or nothing for an empty
-  // name, and the test has `open` more descriptors than at its start.
-  void ExpectHold(SvrDMItemPtr const& item, std::string const& name, int64_t time, int open) {
-    EXPECT_EQ(item->lockedFile != nullptr, !name.empty());
-    EXPECT_EQ(item->lockedFileName, name);
-    EXPECT_EQ(item->lockedFileTime, time);
-    EXPECT_EQ(CountOpenDescriptors() - atStart_, open);
+  // The file held, its base time, and the descriptors open beyond the start.
+  std::string Held(SvrDMItemPtr const& item) {
+    return (item->lockedFile ? item->lockedFileName : "none") + " " +
+           std::to_string(item->lockedFileTime - kBase) + " " +
+           std::to_string(CountOpenDescriptors() - atStart_);
   }
 
   ScratchDir dir_;
-  std::string const data_ = dir_.Write("survey.csv", "rows");
-  std::string const upper_ = dir_.PathOf("SURVEY.csv");
+  std::string const data_ = dir_.Write("survey.csv", "rows"), upper_ = dir_.PathOf("SURVEY.csv");
   int const atStart_ = CountOpenDescriptors();
 };
 
 TEST_F(FileLockTest, AnOlderTimeIsAChangeUntilUnlockAndLockTakeItAsTheBase) {
-  SvrDMItemPtr item = MakeItem(data_);
+  SvrDMItemPtr item(new SvrDMItem({0, 7}, nullptr, nullptr, 0, data_, true));
   FILE* const held = item->lockedFile;
   SetModificationTime(data_, kBase - 1);
   item->LockSavFileInUse();  // the same name: neither reopened nor a new base
   EXPECT_EQ(item->lockedFile, held);
-  ExpectHold(item, data_, kBase, 1);
+  EXPECT_EQ(Held(item), data_ + " 0 1");
   EXPECT_TRUE(item->SavFileExternallyChanged());
-
   item->UnlockSavFileInUse();
-  ExpectHold(item, "", 0, 0);
+  EXPECT_EQ(Held(item), "none -" + std::to_string(kBase) + " 0");
   EXPECT_FALSE(item->SavFileExternallyChanged());
   item->LockSavFileInUse();
-  ExpectHold(item, data_, kBase - 1, 1);
+  EXPECT_EQ(Held(item), data_ + " -1 1");
   EXPECT_FALSE(item->SavFileExternallyChanged());
+  item->FileName(upper_);  // the same file under another name: reopened
+  EXPECT_EQ(Held(item), upper_ + " -1 1");
+  item->FileName(dir_.PathOf("missing.csv"));  // cannot be held: the old file goes all the same
+  EXPECT_EQ(Held(item), "none -" + std::to_string(kBase) + " 0");
 }
 
-TEST_F(FileLockTest, TheStreamIsAskedNotTheName) {
-  SvrDMItemPtr item = MakeItem(data_);
-  // A newer file moved in under the held name is not the file held.
-  std::string const newer = dir_.Write("newer.csv", "other rows");
-  SetModificationTime(newer, kBase + 60);
-  ASSERT_EQ(std::rename(newer.c_str(), data_.c_str()), 0);
-  EXPECT_FALSE(item->SavFileExternallyChanged());
-}
-
-TEST_F(FileLockTest, FileNameReopensForACaseChangeAndRetriesAnUnopenableFileLater) {
-  SvrDMItemPtr item = MakeItem(data_);
-  SetModificationTime(data_, kBase + 9);
-  item->FileName(upper_);  // the same file under another name: reopened, new base
-  ExpectHold(item, upper_, kBase + 9, 1);
-
-  std::string const later = dir_.PathOf("later.csv");
-  EXPECT_NO_THROW(item->FileName(later));  // the old file goes all the same
-  ExpectHold(item, "", 0, 0);
-  EXPECT_FALSE(item->SavFileExternallyChanged());
-  dir_.Write("later.csv", "rows");
-  SetModificationTime(later, kBase + 3);
-  item->LockSavFileInUse();
-  ExpectHold(item, later, kBase + 3, 1);
-  item->FileName("");
-  ExpectHold(item, "", 0, 0);
-}
-
-TEST_F(FileLockTest, RegistryHoldsAFileOnceAndMatchesItsNameWithoutCase) {
+TEST_F(FileLockTest, RegistryHoldsAFileOnceAndTheLastCaseBlindMatchAnswers) {
   ServerDataManager registry;
   LocallyUniqueID const first = registry.Add(*new QUOR_DataSource(nullptr), data_, true);
   SvrDMItemPtr second =
       registry.GetDataSet(registry.Add(*new QUOR_DataSource(nullptr), upper_, true));
-  EXPECT_EQ(second->sharedFileName, upper_);
-  ExpectHold(second, "", 0, 1);
+  EXPECT_EQ(second->sharedFileName, upper_);  // kept aside, not held
+  EXPECT_EQ(Held(second), "none -" + std::to_string(kBase) + " 1");
   SetModificationTime(data_, kBase - 1);
   EXPECT_TRUE(registry.SavFileExternallyChanged(upper_));
-  // With the holder gone nobody holds the file, and nobody is asked.
-  registry.Delete(first);
-  ExpectHold(second, "", 0, 0);
+  SvrDMItemPtr third = registry.GetDataSet(registry.AddEmpty(true));
+  third->FileName(upper_);  // holds it afresh: unchanged, and asked last
   EXPECT_FALSE(registry.SavFileExternallyChanged(data_));
+  registry.Delete(std::exchange(third, nullptr)->dataSetID);
+  registry.Delete(first);
+  EXPECT_FALSE(registry.SavFileExternallyChanged(data_));  // nobody holds it now
+  EXPECT_EQ(Held(second), "none -" + std::to_string(kBase) + " 0");
+}
+
+// Whether the item starts with the chain A -> B -> C (head first) or with no
+// source; the new head: 0 none, 'A'..'C' a member of the old chain, 'N' a new
+// source over A, 'X' the head of a new chain X -> Y; what the call deletes;
+// and what is deleted once the item is gone too. Every replacement of a
+// source queues ResetUndo, before anything a pass adds, and with a source
+// the file is held afresh, its present time the base.
+TEST_F(FileLockTest, SetDataSetDeletesExactlyTheSourcesLeftOverHeadFirst) {
+  using Names = std::vector<std::string>;
+  std::tuple<bool, char, Names, Names> const cases[] = {
+      {false, 0, {}, {}},
+      {false, 'X', {}, {"X", "Y"}},
+      {true, 'A', {}, {"A", "B", "C"}},
+      {true, 'B', {"A"}, {"A", "B", "C"}},
+      {true, 'C', {"A", "B"}, {"A", "B", "C"}},
+      {true, 'N', {}, {"N", "A", "B", "C"}},
+      {true, 'X', {"A", "B", "C"}, {"A", "B", "C", "X", "Y"}},
+      {true, 0, {"A", "B", "C"}, {"A", "B", "C"}},
+  };
+  for (auto const& [withChain, next, deletedBySet, deletedInAll] : cases) {
+    SCOPED_TRACE(std::string(withChain ? "A -> " : "none -> ") + next);
+    SetModificationTime(data_, kBase);
+    Names log;
+    QUOR_DataSource* head = withChain ? TrackedSource::Chain(&log, {"A", "B", "C"}) : nullptr;
+    SvrDMItemPtr item(new SvrDMItem({0, 1}, head, nullptr, 0, head ? data_ : "", true));
+    item->fileName = data_;  // an empty dataset holds no file until it has a source
+    for (char at = 'A'; at < next && next <= 'C'; ++at) head = head->GetParentSource();
+    if (next == 'N') (head = TrackedSource::Chain(&log, {"N"}))->SetParentSource(item->dataSource);
+    if (next == 'X') head = TrackedSource::Chain(&log, {"X", "Y"});
+    if (next == 0) head = nullptr;
+    SetModificationTime(data_, kBase + 1);
+    item->SetDataSet(head);
+    EXPECT_EQ(log, deletedBySet);
+    EXPECT_EQ(DescribeQueue(item->notifications), withChain ? Names{"ResetUndoMsg"} : Names{});
+    EXPECT_EQ(Held(item), head ? data_ + " 1 1" : "none -" + std::to_string(kBase) + " 0");
+    item = nullptr;
+    EXPECT_EQ(log, deletedInAll);
+  }
 }
 
 }  // namespace

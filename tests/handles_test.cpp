@@ -1,3 +1,6 @@
+#include <memory>
+#include <stdexcept>
+
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
@@ -16,13 +19,37 @@ TEST(HandlesTest, AHandleShowsItsItemAtOnceAndOneThatFoundNothingIsHidden) {
   auto* specs = new SvrBootstrapSpecs;
   handle.SetBootstrapSpecs(specs);
   handle.SetBootstrapSpecs(specs);  // the same record again is kept, not freed
-  EXPECT_EQ(handle.GetBootstrapSpecs(), specs);
-  EXPECT_EQ(specs->GetNSamples(), 1000);
-  {
-    SvrDMWriteableDataSource writer(registry, id, false, nullptr);
-    writer.IncrementCaseSequence();
-    EXPECT_EQ(handle.GetCaseSequence(), 1u) << "seen before the access ends";
-  }
+  EXPECT_EQ(handle.GetBootstrapSpecs()->GetNSamples(), 1000);
+  SvrDMWriteableDataSource(registry, id, false, nullptr).IncrementCaseSequence();
+  EXPECT_EQ(handle.GetCaseSequence(), 1u);
+}
+
+// A clone has a dictionary of its own and shows its source only while it
+// builds an iterator, or when asked (and then builds none); the last clone
+// to go deletes the chain below.
+TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShareTheChainTheLastOneDeletes) {
+  std::vector<std::string> destroyed;
+  auto* file = new SystemFileDataSource(SDM_EXAMPLES_DATA_DIR "/trial.csv");
+  file->SetParentSource(TrackedSource::Chain(&destroyed, {"root"}));
+  auto* clone = new SvrDMCloneDataSource(file);
+  clone->DeleteVariables(0, 0);
+  EXPECT_EQ(clone->ColumnCount() + 1, file->ColumnCount());
+  EXPECT_EQ(clone->GetParentSource(), nullptr);
+  EXPECT_FALSE(clone->ShowParents(true));
+  EXPECT_EQ(clone->GetParentSource(), file);
+  EXPECT_THROW(clone->MakeIterator(nullptr), std::invalid_argument);
+  std::unique_ptr<SvrDMCloneDataSource> copy(new SvrDMCloneDataSource(*clone));
+  EXPECT_EQ(copy->ColumnCount(), clone->ColumnCount());
+  delete clone;
+  OBS row;
+  std::unique_ptr<ObsIterator> iterator(copy->MakeIterator(&row));
+  EXPECT_EQ(copy->GetParentSource(), nullptr);
+  ASSERT_TRUE(iterator->Next());  // the iterator outlives the link it was built through
+  EXPECT_EQ(row.fields.at(0), "101");
+  iterator = nullptr;
+  EXPECT_TRUE(destroyed.empty());
+  copy = nullptr;
+  EXPECT_EQ(destroyed, std::vector<std::string>{"root"});
 }
 
 }  // namespace

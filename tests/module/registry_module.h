@@ -6,17 +6,11 @@
 
 #include <cstdint>
 
-// Owned by the test; the module writes to it until it is unloaded.
+// Owned by the test; the module writes to it until it is unloaded: the
+// registry notices its observer heard and the sources of its dataset that
+// went.
 struct RegistryModuleProbe {
-  // The identifier that the module's static object got from the registry.
-  uint32_t staticDatasetID = 0xFFFFFFFFu;
-  // Notices heard by the module's registry observer.
-  int createdNotices = 0;
-  int deletedNotices = 0;
-  // Data sources of the module's dataset that have been destroyed.
-  int sourcesDeleted = 0;
-  // The datasets that the static object's destructor found; -1 before it ran.
-  int datasetsAtStaticEnd = -1;
+  int createdNotices = 0, deletedNotices = 0, sourcesDeleted = 0;
 };
 
 // Adds a dataset over the data file `path` (a chain of two sources) after

@@ -28,9 +28,8 @@ ScratchDir::~ScratchDir() {
 }
 
 std::string ScratchDir::Write(std::string const& name, std::string const& contents) {
-  std::string const full = PathOf(name);
-  ThrowIf(!(std::ofstream(full, std::ios::binary) << contents), "write " + full);
-  return full;
+  ThrowIf(!(std::ofstream(PathOf(name), std::ios::binary) << contents), "write " + PathOf(name));
+  return PathOf(name);
 }
 
 void SetModificationTime(std::string const& path, int64_t seconds) {

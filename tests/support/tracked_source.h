@@ -15,19 +15,18 @@ class TrackedSource : public QUOR_DataSource {
  public:
   // `variables` numeric variables with serials from `firstSerial` on.
   explicit TrackedSource(int variables = 0, uint32_t firstSerial = 1) : QUOR_DataSource(nullptr) {
-    for (uint32_t i = 0; i < static_cast<uint32_t>(variables); ++i) {
-      MakeVariable(QUOR_Variable(LocallyUniqueID(0, firstSerial + i), "v" + std::to_string(i)),
+    for (int i = 0; i < variables; ++i) {
+      MakeVariable(QUOR_Variable(LocallyUniqueID(0, firstSerial++), "v" + std::to_string(i)),
                    nullptr);
     }
     ++live;
   }
   ~TrackedSource() override {
-    if (alive_.exchange(false) == false) ++destroyedTwice;
+    if (!alive_.exchange(false)) ++destroyedTwice;
     --live;
+    // Owners delete children first, and a source may look at its parent as
+    // it goes: the address sanitizer sees a parent freed too early here.
     if (log == nullptr) return;
-    // A source may look at its parent while it is destroyed: owners delete
-    // children first. Under the address sanitizer a parent freed too early
-    // shows up here.
     if (GetParentSource() != nullptr) (void)GetParentSource()->RowCount();
     log->push_back(name);
   }
@@ -39,16 +38,14 @@ class TrackedSource : public QUOR_DataSource {
     }
     return head;
   }
-  // The chain head -> ... -> root of `names`, first name the head, each
-  // logging its name in `*log` (which must outlive it) when it goes.
-  static TrackedSource* Chain(std::vector<std::string>* log,
-                              std::vector<std::string> const& names) {
+  // The chain of `names`, head first, each logging its name in `*log` as it
+  // goes.
+  static TrackedSource* Chain(std::vector<std::string>* log, std::vector<std::string> names) {
     TrackedSource* head = Chain(static_cast<int>(names.size()), 0);
     QUOR_DataSource* at = head;
-    for (std::string const& each : names) {
+    for (std::size_t i = 0; i < names.size(); ++i, at = at->GetParentSource()) {
       static_cast<TrackedSource*>(at)->log = log;
-      static_cast<TrackedSource*>(at)->name = each;
-      at = at->GetParentSource();
+      static_cast<TrackedSource*>(at)->name = std::move(names[i]);
     }
     return head;
   }
