@@ -34,30 +34,15 @@ struct Form {
   std::string bytes;
 };
 
-// Every field away from its default, the depend list empty. Fields end at
-// 10, 22, 26, 34, 46, 54 (lists), 66, 82 (aux lists), 90, 94, 98, 99.
-std::string RichForm(bool big, uint32_t version = 1) {
+// Every field away from its default, and `k` added to every value, the
+// depend list empty. Fields end at 10, 22, 26, 34, 46, 54 (lists), 66, 82
+// (aux lists), 90, 94, 98, 99.
+std::string RichForm(bool big, uint32_t version = 1, int k = 0) {
   Form form{big, {}};
-  form.Put(1, 2).Put(version, 4).Put(Specs::Wild, 4);
-  form.List({3, -7}).List({}).List({1}).List({2, 4}).List({-1});
-  form.Put(2, 4).Put(5, 4).Put(6, 4).Put(1, 4).F64(2.5).Put(9, 4);
-  return form.F64(90.0).Put(Specs::BCA, 4).Put(500, 4).Put(0, 1).bytes;
-}
-
-// Differs from the rich record in every field and holds auxiliary items, so
-// a test can tell which fields a read has touched. Its aux index list ends at 58.
-std::string PriorForm() {
-  Form form{false, {}};
-  form.Put(1, 2)
-      .Put(1, 4)
-      .Put(Specs::Stratified, 4)
-      .List({11})
-      .List({12})
-      .List({13})
-      .List({14})
-      .List({15});
-  form.Put(1, 4).Put(100, 4).Put(1, 4).F64(-1.0).Put(200, 4);
-  return form.F64(99.0).Put(Specs::Percentile, 4).Put(7, 4).Put(1, 1).bytes;
+  form.Put(1, 2).Put(version, 4).Put(Specs::Wild + k, 4);
+  form.List({3 + k, -7 + k}).List({}).List({1 + k}).List({2 + k, 4 + k}).List({-1 + k});
+  form.Put(2, 4).Put(5 + k, 4).Put(6 + k, 4).Put(1, 4).F64(2.5 + k).Put(9 + k, 4);
+  return form.F64(90.0 + k).Put(Specs::BCA + k, 4).Put(500 + k, 4).Put(k != 0, 1).bytes;
 }
 
 Specs Read(std::string const& form, Specs specs = Specs()) {
@@ -65,43 +50,45 @@ Specs Read(std::string const& form, Specs specs = Specs()) {
   return specs;
 }
 
-// The record read is written back, after what the string held, in this
-// machine's order, so the whole of it is compared with the hand-built form
-// byte for byte.
-TEST(BootstrapSerialFormTest, ReadsEitherByteOrderAndAppendsTheHandBuiltForm) {
-  // Any mark but 1 means the other byte order, not only the swapped 1.
-  for (char const* mark : {"\1\0", "\0\1", "\xFF\xFF"}) {
-    SCOPED_TRACE(testing::Message() << "mark " << int(mark[0]) << " " << int(mark[1]));
-    std::string form = RichForm(mark[0] != 1) + "trailing bytes";
-    form.replace(0, 2, mark, 2);
-    std::string out = "ab";
-    SvrBootstrapSpecsSerializer::serializeSpecs(Read(form), out);
-    EXPECT_EQ(out, "ab" + RichForm(false));
-  }
+// Differs from the rich record in every field and holds a depend list.
+Specs Prior() {
+  Specs prior = Read(RichForm(false, 1, 100));
+  prior.SetDependVarList({12});
+  return prior;
 }
 
-TEST(BootstrapSerialFormTest, OtherVersionLeavesEveryFieldUntouched) {
-  Specs const prior = Read(PriorForm());
+// A record read is written back, after what the string held, in this
+// machine's order, so the whole of it is compared with a hand-built form.
+TEST(BootstrapSerialFormTest, WritesTheDefaultAndReadsEitherOrderButOnlyItsVersion) {
+  Form empty{false, {}};
+  empty.Put(1, 2).Put(1, 4).Put(Specs::Simple, 4).bytes += std::string(7 * 4, '\0');
+  std::string out = "ab";
+  SvrBootstrapSpecsSerializer::serializeSpecs(Specs(), out);
+  EXPECT_EQ(out, "ab" + empty.F64(95.0).Put(Specs::Percentile, 4).Put(1000, 4).Put(1, 1).bytes);
+  // Any mark but 1 means the other byte order, not only the swapped 1.
+  for (char const* mark : {"\1\0", "\0\1", "\xFF\xFF"}) {
+    std::string form = RichForm(mark[0] != 1) + "trailing bytes";
+    form.replace(0, 2, mark, 2);
+    out.clear();
+    SvrBootstrapSpecsSerializer::serializeSpecs(Read(form), out);
+    EXPECT_EQ(out, RichForm(false)) << "mark " << int(mark[0]) << " " << int(mark[1]);
+  }
+  Specs const prior = Prior();
   for (bool big : {false, true}) {
     for (uint32_t version : {0u, 2u, 0x01000000u}) {
-      SCOPED_TRACE(testing::Message() << "big-endian " << big << ", version " << version);
-      EXPECT_TRUE(Read(RichForm(big, version), prior).IdenticalTo(prior));
+      EXPECT_TRUE(Read(RichForm(big, version), prior).IdenticalTo(prior)) << big << version;
     }
   }
 }
 
-TEST(BootstrapSerialFormTest, ReadOverARecordKeepsListsWithCount0AndAppendsAuxItems) {
-  Specs const over = Read(RichForm(false), Read(PriorForm()));
-  EXPECT_EQ(over.GetStrataVarList(), (std::vector<int>{3, -7}));
-  EXPECT_EQ(over.GetDependVarList(), (std::vector<int>{12}));
-  EXPECT_EQ(over.GetAuxIndexList(), (std::vector<unsigned int>{100, 5, 6}));
-  EXPECT_EQ(over.GetAuxPairList(), (std::vector<Specs::AuxPair>{{-1.0, 200u}, {2.5, 9u}}));
-}
-
 TEST(BootstrapSerialFormTest, CutAtEveryLengthKeepsTheFieldsBeforeTheCut) {
   std::string const full = RichForm(false);
-  Specs const prior = Read(PriorForm());
+  Specs const prior = Prior();
   Specs const whole = Read(full, prior);
+  // A count of 0 keeps the list held; auxiliary items are appended.
+  EXPECT_EQ(whole.GetDependVarList(), (std::vector<int>{12}));
+  EXPECT_EQ(whole.GetAuxIndexList(), (std::vector<unsigned int>{105, 106, 5, 6}));
+  EXPECT_EQ(whole.GetAuxPairList(), (std::vector<Specs::AuxPair>{{102.5, 109u}, {2.5, 9u}}));
   for (std::size_t length = 0; length <= full.size(); ++length) {
     SCOPED_TRACE(testing::Message() << "length " << length);
     // Prior and whole differ in every field but depend, so a byte read past
@@ -123,43 +110,41 @@ TEST(BootstrapSerialFormTest, CutAtEveryLengthKeepsTheFieldsBeforeTheCut) {
   }
 }
 
-TEST(BootstrapRecordTest, IdenticalToComparesDoublesByBitsAndTheAuxLists) {
+// Flipping any one bit of the rich form changes one field, or the lists'
+// layout and so every field after it: each gives another record.
+TEST(BootstrapRecordTest, IdenticalToComparesDoublesByBitsAndSeesEveryField) {
   Specs nan;
   nan.SetCILevelPct(std::numeric_limits<double>::quiet_NaN());
   EXPECT_TRUE(nan.IdenticalTo(Specs(nan)));
-  // Reading its own form up to the aux index list again changes that list only.
-  Specs const prior = Read(PriorForm());
-  EXPECT_FALSE(Read(PriorForm().substr(0, 58), prior).IdenticalTo(prior));
-  // The rich form's aux pair is 2.5 in bytes 70 to 77 and 9 in 78 to 81:
-  // either half differing makes another record.
-  for (std::size_t at : {70, 78}) {
+  Specs const rich = Read(RichForm(false));
+  for (std::size_t at = 0; at < RichForm(false).size(); ++at) {
     std::string form = RichForm(false);
     form[at] ^= 1;
-    EXPECT_FALSE(Read(form).IdenticalTo(Read(RichForm(false)))) << "byte " << at;
+    EXPECT_FALSE(Read(form).IdenticalTo(rich)) << "byte " << at;
   }
 }
 
-TEST(BootstrapDisplayTest, WholeDefaultTextAndListItems) {
-  std::ostringstream out;
-  Specs().Display(out);
-  EXPECT_EQ(out.str(),
-            "Start displaying Bootstrap Specifications\n\n"
-            "Sampling Method = Simple\n"
-            "Strata Variables = none\n"
-            "Dependent Variables = none\n"
-            "Input Variables = none\n"
-            "Predicted Value Variables = none\n"
-            "Residual Value Variables = none\n"
-            "Confidence Interval Level as percent = 95\n"
-            "Confidence Interval Type = Percentile\n"
-            "Number of samples = 1000\n"
-            "User-missing variable values are excluded\n\n"
+// Every line up to the number of samples is flushed; the closing ones are
+// left to the caller. A flush shows as "|".
+TEST(BootstrapDisplayTest, WholeTextWithItsFlushes) {
+  struct MarkFlushes : std::stringbuf {
+    int sync() override { return sputc('|') == '|' ? 0 : -1; }
+  } rich;
+  std::ostream richOut(&rich);
+  Read(RichForm(false)).Display(richOut);
+  EXPECT_EQ(rich.str(),
+            "Start displaying Bootstrap Specifications\n\n|"
+            "Sampling Method = Wild\n|"
+            "Strata Variables = 3 -7\n|"
+            "Dependent Variables = none\n|"
+            "Input Variables = 1\n|"
+            "Predicted Value Variables = 2 4\n|"
+            "Residual Value Variables = -1\n|"
+            "Confidence Interval Level as percent = 90\n|"
+            "Confidence Interval Type = BCA\n|"
+            "Number of samples = 500\n|"
+            "User-missing variable values are included\n\n"
             "End displaying Bootstrap Specifications\n");
-  std::ostringstream rich;
-  Read(RichForm(false)).Display(rich);
-  EXPECT_NE(rich.str().find("\nStrata Variables = 3 -7\nDependent Variables = none\n"),
-            std::string::npos);
-  EXPECT_NE(rich.str().find("\nUser-missing variable values are included\n"), std::string::npos);
 }
 
 }  // namespace
