@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -13,72 +12,40 @@
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
-using ::testing::ThrowsMessage;
 
-QUOR_Variable Var(uint32_t serial, std::string const& name) { return {{0, serial}, name}; }
-
-// A dictionary of variables a, b, c, ... with serials 0, 1, 2, ...
-void Fill(QUOR_DataSource& source, std::string const& names) {
-  for (char c : names) source.MakeVariable(Var(uint32_t(c - 'a'), std::string(1, c)), nullptr);
-}
-
-// The names of the variables, each with ":type " after it if asked.
-std::string Names(QUOR_DataSource const& source, bool withTypes = false) {
-  std::string out;
-  for (int i = 0; i < static_cast<int>(source.ColumnCount()); ++i) {
-    QUOR_Variable const& v = source.GetVariable(i);
-    out += withTypes ? v.GetName() + ":" + std::to_string(v.GetType()) + " " : v.GetName();
-  }
+// Each variable's name and type, and the weight and label.
+std::string Dictionary(QUOR_DataSource const& source) {
+  std::string out = std::to_string(source.GetWeightVarIndex()) + source.GetLabel() + ":";
+  for (int i = 0; i < static_cast<int>(source.ColumnCount()); ++i)
+    out += " " + source.GetVariable(i).GetName() + "/" +
+           std::to_string(source.GetVariable(i).GetType());
   return out;
 }
 
-TEST(DictionaryTest, RefusedEditsLeaveTheDictionaryAsItWas) {
-  DataFreeDataSource source;
-  EXPECT_NO_THROW(source.DeleteVariables(0, -1));  // an empty dictionary: nothing to do
-  Fill(source, "ace");
-  source.InsertVariable(1, Var(1, "b"));
-  source.InsertVariable(source.ColumnCount(), Var(5, "f"));  // appends
-  EXPECT_EQ(source.FindVarIndex({1, 2}), -1);                // same serial, other group
-  int const split[] = {4, 9};
-  std::vector<std::function<void()>> const refused = {
-      [&] { source.InsertVariable(6, Var(7, "x")); },
-      [&] { source.InsertVariable(-1, Var(7, "x")); },
-      [&] { source.InsertVariable(0, Var(1, "same id")); },
-      [&] { source.DeleteVariables(4, 5); },
-      [&] { source.SetSplit(9, split, false); },
-      [&] { source.SetSplit(2, split, false); },
-      [&] { source.MakeIterator(nullptr); },
-  };
-  for (std::size_t i = 0; i < refused.size(); ++i) {
-    EXPECT_THROW(refused[i](), std::logic_error) << i;
-    EXPECT_EQ(Names(source), "abcef") << i;
-  }
-  source.DeleteVariables(1, 3);  // both ends included
-  EXPECT_EQ(Names(source), "af");
-}
-
-TEST(SystemFileTest, QuotesLineEndsAndBlankLinesAreReadAsWritten) {
+// Quotes, line ends and blank lines are read as written; a column's type is
+// numeric only when each of its values reads as a number, and blanks are no
+// evidence of text.
+TEST(SystemFileTest, RowsAndColumnTypesAsWrittenAndTheWholeDictionaryCopied) {
   ScratchDir dir;
   OBS row;
-  std::unique_ptr<ObsIterator> it(
-      SystemFileDataSource(dir.Write("q.csv",
-                                     "\xEF\xBB\xBFname,n,blank,plus\r\n\"a,b\",-2e3,,+3\r\n"
-                                     "\r\n\"say \"\"hi\"\"\",1.5, ,4\n\"two\nlines\",nan,,"
-                                     "\n\n"))
-          .MakeIterator(&row));  // the iterator outlives its source
+  SystemFileDataSource source(
+      dir.Write("q.csv",
+                "\xEF\xBB\xBFname,n,blank,plus\r\n\"a,b\",-2e3,,+3\r\n"
+                "\r\n\"say \"\"hi\"\"\",1.5, ,4\n\"two\nlines\",nan,,\n\n"));
+  std::unique_ptr<ObsIterator> it(source.MakeIterator(&row));
   std::vector<std::vector<std::string>> rows;
   while (it->Next()) rows.push_back(row.fields);
   EXPECT_THAT(rows, ElementsAre(ElementsAre("a,b", "-2e3", "", "+3"),
                                 ElementsAre("say \"hi\"", "1.5", " ", "4"),
                                 ElementsAre("two\nlines", "nan", "", "")));
-  EXPECT_EQ(row.row, 2);  // left alone after the last
-  // No byte-order mark in the first name; blanks are no evidence of text.
-  LocallyUniqueID const before = QUOR_DataSource::NewVariableID();
-  SystemFileDataSource const again(dir.PathOf("q.csv"));
-  EXPECT_EQ(Names(again, true), "name:9 n:4 blank:0 plus:0 ");
-  EXPECT_EQ(again.GetVariable(3).GetID(), LocallyUniqueID(1, before.serial + 4));  // process-wide
-  EXPECT_EQ(SystemFileDataSource(dir.Write("h.csv", "a,b")).ColumnCount(), 2u);
+  source.SetWeightVar(1);
+  source.SetLabel("L");
+  EXPECT_EQ(Dictionary(source), "1L: name/9 n/4 blank/0 plus/0");
+  DataFreeDataSource copy;
+  copy.CopyDictionary(source);
+  copy.DeleteVariables(0, 0);  // the copy's own
+  EXPECT_EQ(Dictionary(source), "1L: name/9 n/4 blank/0 plus/0");
+  EXPECT_EQ(Dictionary(copy), "0L: n/4 blank/0 plus/0");
 }
 
 TEST(SystemFileTest, EachMalformedFileGivesItsOwnErrorNamingFileAndLine) {
@@ -99,8 +66,9 @@ TEST(SystemFileTest, EachMalformedFileGivesItsOwnErrorNamingFileAndLine) {
     std::string const name = "bad" + std::to_string(i) + ".csv";
     std::string const path =
         cases[i].first == "missing" ? dir.PathOf(name) : dir.Write(name, cases[i].first);
-    EXPECT_THAT([&path] { SystemFileDataSource source(path); },
-                ThrowsMessage<std::runtime_error>(HasSubstr(path + cases[i].second)));
+    EXPECT_THAT(
+        [&path] { SystemFileDataSource source(path); },
+        testing::ThrowsMessage<std::runtime_error>(testing::HasSubstr(path + cases[i].second)));
   }
 }
 

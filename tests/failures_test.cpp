@@ -1,3 +1,4 @@
+#include <exception>
 #include <stdexcept>
 #include <string>
 
@@ -9,11 +10,7 @@ namespace {
 
 template <typename Thrown>
 std::string Described(Thrown thrown, LocallyUniqueID id = LocallyUniqueID()) {
-  try {
-    throw thrown;
-  } catch (...) {
-    return SvrDMDescribeFailure(id);
-  }
+  return SvrDMDescribeFailure(id, std::make_exception_ptr(thrown));
 }
 
 TEST(FailuresTest, EachCaughtFailureReadsAsOneSentence) {
