@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <limits>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "ServerDataManager.h"
 
@@ -23,9 +20,8 @@ int64_t Bits(double value) {
 // complement).
 std::string Words(bool big, std::vector<int64_t> const& words, int width = 4) {
   std::string bytes;
-  for (uint64_t v : words) {
+  for (uint64_t v : words)
     for (int i = 0; i < width; ++i) bytes += static_cast<char>(v >> 8 * (big ? width - 1 - i : i));
-  }
   return bytes;
 }
 
@@ -45,6 +41,12 @@ Specs Read(std::string const& form, Specs specs = Specs()) {
   return specs;
 }
 
+std::string Write(Specs const& specs) {
+  std::string out;
+  SvrBootstrapSpecsSerializer::serializeSpecs(specs, out);
+  return out;
+}
+
 // A record read is written back, after what the string held, in this
 // machine's order, so the whole of it is compared with a hand-built form.
 // Any mark but 1 means the other byte order, not only the swapped 1.
@@ -58,80 +60,58 @@ TEST(BootstrapSerialFormTest, WritesTheDefaultAndReadsEitherOrderButOnlyItsVersi
   for (char const* mark : {"\1\0", "\0\1", "\xFF\xFF"}) {
     std::string form = RichForm(mark[0] != 1) + "trailing bytes";
     form.replace(0, 2, mark, 2);
-    out.clear();
-    SvrBootstrapSpecsSerializer::serializeSpecs(Read(form), out);
-    EXPECT_EQ(out, RichForm(false)) << "mark " << int(mark[0]) << " " << int(mark[1]);
+    EXPECT_EQ(Write(Read(form)), RichForm(false)) << "mark " << int(mark[0]) << " " << int(mark[1]);
   }
   // 0x01000000 is 1 in the other byte order.
-  for (uint32_t version : {0u, 2u, 0x01000000u}) {
+  for (uint32_t version : {0u, 2u, 0x01000000u})
     EXPECT_TRUE(Read(RichForm(version == 2, version)).IdenticalTo(Specs())) << version;
-  }
 }
 
-// The record read into differs from the rich one in every field and holds a
-// depend list, so a byte read past the cut, or a list taken without all its
-// items, shows as a wrong value.
+// A cut form fills the fields that fit whole and leaves the rest as they
+// were: written again, the record is the rich form up to the last whole
+// field and the default form after it.
 TEST(BootstrapSerialFormTest, CutAtEveryLengthKeepsTheFieldsBeforeTheCut) {
-  std::string const full = RichForm(false);
-  Specs prior = Read(RichForm(false, 1, 100));
-  prior.SetDependVarList({12});
-  Specs const whole = Read(full, prior);
-  // A count of 0 keeps the list held; auxiliary items are appended.
-  EXPECT_EQ(whole.GetDependVarList(), (std::vector<int>{12}));
-  EXPECT_EQ(whole.GetAuxIndexList(), (std::vector<unsigned int>{105, 106, 5, 6}));
-  EXPECT_EQ(whole.GetAuxPairList(), (std::vector<Specs::AuxPair>{{102.5, 109u}, {2.5, 9u}}));
-  for (std::size_t length = 0; length <= full.size(); ++length) {
-    SCOPED_TRACE(testing::Message() << "length " << length);
-    Specs const specs = Read(full.substr(0, length), prior);
-    auto from = [&](std::size_t end) -> Specs const& { return length >= end ? whole : prior; };
-    EXPECT_EQ(specs.GetSamplingMethod(), from(10).GetSamplingMethod());
-    EXPECT_EQ(specs.GetStrataVarList(), from(22).GetStrataVarList());
-    EXPECT_EQ(specs.GetInputVarList(), from(34).GetInputVarList());
-    EXPECT_EQ(specs.GetPredictedVarList(), from(46).GetPredictedVarList());
-    EXPECT_EQ(specs.GetResidualVarList(), from(54).GetResidualVarList());
-    EXPECT_EQ(specs.GetAuxIndexList(), from(66).GetAuxIndexList());
-    EXPECT_EQ(specs.GetAuxPairList(), from(82).GetAuxPairList());
-    EXPECT_EQ(specs.GetCILevelPct(), from(90).GetCILevelPct());
-    EXPECT_EQ(specs.GetCIType(), from(94).GetCIType());
-    EXPECT_EQ(specs.GetNSamples(), from(98).GetNSamples());
-    EXPECT_EQ(specs.GetExcludeUserMiss(), from(99).GetExcludeUserMiss());
+  std::size_t const richEnds[] = {0, 10, 22, 26, 34, 46, 54, 66, 82, 90, 94, 98, 99};
+  std::size_t const emptyEnds[] = {0, 10, 14, 18, 22, 26, 30, 34, 38, 46, 50, 54, 55};
+  std::string const full = RichForm(false), empty = Write(Specs());
+  for (std::size_t length = 0, fields = 0; length <= full.size(); ++length) {
+    if (length == richEnds[fields + 1]) ++fields;
+    EXPECT_EQ(Write(Read(full.substr(0, length))),
+              full.substr(0, richEnds[fields]) + empty.substr(emptyEnds[fields]))
+        << "length " << length;
   }
+  // Over a held record, a count of 0 keeps the list; auxiliary items are appended.
+  Specs held = Read(RichForm(false, 1, 100));
+  held.SetDependVarList({12});
+  Specs const over = Read(full, held);
+  EXPECT_EQ(over.GetDependVarList(), (std::vector<int>{12}));
+  EXPECT_EQ(over.GetAuxIndexList(), (std::vector<unsigned int>{105, 106, 5, 6}));
+  EXPECT_EQ(over.GetAuxPairList(), (std::vector<Specs::AuxPair>{{102.5, 109u}, {2.5, 9u}}));
 }
 
-// Flipping any one bit of the rich form changes one field, or the lists'
-// layout and so every field after it: each gives another record.
-TEST(BootstrapRecordTest, IdenticalToComparesDoublesByBitsAndSeesEveryField) {
-  Specs nan;
-  nan.SetCILevelPct(std::numeric_limits<double>::quiet_NaN());
-  EXPECT_TRUE(nan.IdenticalTo(Specs(nan)));
-  for (std::size_t at = 0; at < RichForm(false).size(); ++at) {
-    std::string form = RichForm(false);
-    form[at] ^= 1;
-    EXPECT_FALSE(Read(form).IdenticalTo(Read(RichForm(false)))) << "byte " << at;
-  }
-}
-
-// Every line up to the number of samples is flushed; the closing ones are
-// left to the caller. A flush shows as "|".
-TEST(BootstrapDisplayTest, WholeTextWithItsFlushes) {
+// The display flushes every line up to the number of samples and leaves the
+// closing ones to the caller: a flush shows as "|". Flipping any one bit of
+// the rich form changes one field, or the lists' layout and so every field
+// after it: each gives another record.
+TEST(BootstrapRecordTest, DisplaysWholeTextWithItsFlushesAndIdenticalToSeesEveryField) {
   struct MarkFlushes : std::stringbuf {
     int sync() override { return sputc('|') == '|' ? 0 : -1; }
   } text;
   std::ostream out(&text);
-  Read(RichForm(false)).Display(out);
+  Specs const rich = Read(RichForm(false));
+  rich.Display(out);
   EXPECT_EQ(text.str(),
-            "Start displaying Bootstrap Specifications\n\n|"
-            "Sampling Method = Wild\n|"
-            "Strata Variables = 3 -7\n|"
-            "Dependent Variables = none\n|"
-            "Input Variables = 1\n|"
-            "Predicted Value Variables = 2 4\n|"
-            "Residual Value Variables = -1\n|"
-            "Confidence Interval Level as percent = 90\n|"
-            "Confidence Interval Type = BCA\n|"
-            "Number of samples = 500\n|"
-            "User-missing variable values are included\n\n"
+            "Start displaying Bootstrap Specifications\n\n|Sampling Method = Wild\n|"
+            "Strata Variables = 3 -7\n|Dependent Variables = none\n|Input Variables = 1\n|"
+            "Predicted Value Variables = 2 4\n|Residual Value Variables = -1\n|"
+            "Confidence Interval Level as percent = 90\n|Confidence Interval Type = BCA\n|"
+            "Number of samples = 500\n|User-missing variable values are included\n\n"
             "End displaying Bootstrap Specifications\n");
+  for (std::size_t at = 0; at < RichForm(false).size(); ++at) {
+    std::string form = RichForm(false);
+    form[at] ^= 1;
+    EXPECT_FALSE(Read(form).IdenticalTo(rich)) << "byte " << at;
+  }
 }
 
 }  // namespace

@@ -11,8 +11,8 @@ int main() {
   auto bump = [] {
     for (int i = 0; i < 1000; ++i) gUnguarded = gUnguarded + 1;
   };
-  std::thread first(bump), second(bump);
-  first.join();
-  second.join();
+  std::thread other(bump);
+  bump();
+  other.join();
   std::printf("canary: %d\n", gUnguarded);
 }
