@@ -18,9 +18,10 @@ void Cross(VSerializable const& message, VSerializable& into) {
   EXPECT_EQ(into.Process(stream), 0);
 }
 
-// One message of each class, every field set, shows on one line, and crosses a stream into a blank
-// one of its class that then shows the same. The builders' inputs change before the messages are
-// used: each must hold its own copy.
+// One message of each class, every field set, shows on one line, and crosses
+// a stream into a blank one of its class that then shows the same. The
+// builders' inputs change before the messages are used: each must hold its
+// own copy.
 TEST(MessagesTest, EveryClassDisplaysOnOneLineAndCrossesAStreamWhole) {
   LocallyUniqueID const set(0, 3), one(0, 1), two(2, 7);
   std::string text = "The \"label\"\n";
