@@ -5,19 +5,14 @@
 #include <cstdio>
 #include <thread>
 
-namespace {
-int gUnguarded = 0;
-
-void Bump() {
-  for (int i = 0; i < 1000; ++i) gUnguarded = gUnguarded + 1;
-}
-}  // namespace
+static int gUnguarded = 0;
 
 int main() {
-  std::thread first(Bump);
-  std::thread second(Bump);
-  first.join();
-  second.join();
+  auto bump = [] {
+    for (int i = 0; i < 1000; ++i) gUnguarded = gUnguarded + 1;
+  };
+  std::thread other(bump);
+  bump();
+  other.join();
   std::printf("canary: %d\n", gUnguarded);
-  return 0;
 }
