@@ -168,6 +168,19 @@ TEST_F(ObserverViewTest, EveryPropertyChangedQueuesInTheFixedOrder) {
   source->SetMRSets({other, set});
   EXPECT_EQ(Update(), (Lines{"ExtensionsMsg 7", "ExtensionsMsg 19"}));
 
+  // What only looks different queues nothing: a moved weight variable, a
+  // null label for an empty one, a rise of the rows per imputation (only a
+  // drop to 0 is announced), a separate flag without a split.
+  Live("EABCD");
+  EXPECT_EQ(Update(), Lines{"MoveVarsMsg"});
+  source->SetLabel("");
+  source->SetSplit(0, nullptr, true);
+  EXPECT_EQ(Update(), (Lines{"FileLabelChangeMsg", "SplitFileMsg"}));
+  source->SetLabel(nullptr);
+  source->RowsPerImputation(5);
+  source->SetSplit(0, nullptr, false);
+  EXPECT_EQ(Update(), Lines{});
+
   // Every message of a pass carries the item's identifier and case sequence.
   source->SetLabel("x");
   item->caseSequence = 9;
@@ -176,20 +189,6 @@ TEST_F(ObserverViewTest, EveryPropertyChangedQueuesInTheFixedOrder) {
   EXPECT_EQ(item->notifications[0]->GetDataSetID(), Id('Z'));
   EXPECT_EQ(item->notifications[0]->GetCaseSequence(), 9u);
   EXPECT_EQ(item->notifications[0]->GetReserved(), 0u);
-}
-
-TEST_F(ObserverViewTest, PropertiesThatOnlyLookDifferentQueueNothing) {
-  Live("ABC");
-  source->SetWeightVar(2);
-  Update();
-  Live("CAB");  // the weight variable moved, it was not replaced
-  EXPECT_EQ(Update(), Lines{"MoveVarsMsg"});
-  source->SetLabel("");                // null and empty read alike
-  source->RowsPerImputation(5);        // only a drop to 0 is announced
-  source->SetSplit(0, nullptr, true);  // no split: the separate flag means nothing
-  EXPECT_EQ(Update(), Lines{});
-  source->RowsPerImputation(0);
-  EXPECT_EQ(Update(), Lines{"ImputationInfoMsg"});
 }
 
 TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsOnlyAndNeverForSharedNames) {
