@@ -50,9 +50,11 @@ class ClientCopyTest : public ::testing::Test {
   Client early;  // registered before the first write access
 };
 
-// Each row changes one piece of the live source; the copy names the
-// difference before the pass and has none after it.
-TEST_F(ClientCopyTest, EachPieceDiffersUntilItsPassAndAgreesAfter) {
+// The copy names every piece that differs before the pass, in one line, and
+// none after it: first as the pieces are set, then as they are taken away
+// (a role's variable deleted, the label null, no split), then as a role's
+// variable comes back under its identifier with its weight and split.
+TEST_F(ClientCopyTest, EveryPieceDiffersUntilItsPassAndAgreesAfter) {
   VariableSetImpl const set{{Id('C')}, "s", "", "", {{1, 0, 0, 0, 0, 0}}};
   DatasourceAttributes attributes;
   attributes.Set("owner", "lab");
@@ -60,50 +62,32 @@ TEST_F(ClientCopyTest, EachPieceDiffersUntilItsPassAndAgreesAfter) {
   std::vector<std::pair<Edit, std::string>> const rows = {
       {[](auto& w) { w->InsertVariable(0, Var('A')), w->InsertVariable(1, Var('B')); },
        "variables from position 0: copy [], live [0:1 A, 0:2 B]; row count: copy -1, live 0"},
-      {[](auto& w) { w->InsertVariable(2, Var('C')); },
-       "variables from position 2: copy [], live [0:3 C]"},
-      // Delete [A], then a move from position 1: counted after the delete.
-      {[](auto& w) {
-         w->DeleteVariables(0, 0), w->DeleteVariables(1, 1), w->InsertVariable(0, Var('C'));
+      {[&](auto& w) {
+         w->DeleteVariables(0, 0), w->InsertVariable(1, Var('C')), w->GetVariable(0).SetName("b");
+         w->SetWeightVar(1), w->SetFilterVar(0), w->SetSplit(1, c, true), w->SetLabel("L");
+         w->SetFileSpec("/d/s.csv"), w->GetTrendsInfo()->SetText("q");
+         w->SetMRSets({set}), w->SetVariableSets({set}), w->SetAttributes(attributes);
+         w->SetExtension(QUOR_DataSource::Extension(0, "r")), source->rows = 7;
        },
-       "variables from position 0: copy [0:1 A, 0:2 B, 0:3 C], live [0:3 C, 0:2 B]"},
-      {[](auto& w) { w->GetVariable(0).SetLabel("l"), w->GetVariable(1).SetName("b"); },
-       "variables from position 0: copy [0:3 C, 0:2 B], live [0:3 C, 0:2 b]"},
-      {[](auto& w) { w->SetWeightVar(0); }, "weight: copy none, live 0:3"},
-      {[](auto& w) { w->SetFilterVar(1); }, "filter: copy none, live 0:2"},
-      {[&c](auto& w) { w->SetSplit(1, c, true); }, "split: copy [], live [0:3]"},
+       "variables from position 0: copy [0:1 A, 0:2 B], live [0:2 b, 0:3 C]; weight: copy none, "
+       "live 0:3; filter: copy none, live 0:2; split: copy [], live [0:2]; label: copy \"\", live "
+       "\"L\"; file path: copy \"\", live \"/d/s.csv\"; trends: copy \"\", live \"q\"; row count: "
+       "copy 0, live 7; extension 0 differs; extension 5 "
+       "differs; extension 7 differs; extension 17 differs; extension 19 differs"},
       {[&c](auto& w) { w->SetSplit(1, c, false); }, "separate flag: copy true, live false"},
-      {[](auto& w) { w->SetSplit(0, nullptr, true); }, "split: copy [0:3], live []"},
-      {[](auto& w) { w->SetSplit(0, nullptr, false); }, ""},  // the flag alone means nothing
-      {[](auto& w) { w->SetLabel("L"); }, "label: copy \"\", live \"L\""},
-      {[](auto& w) { w->SetLabel(nullptr); }, "label: copy \"L\", live \"\""},
-      {[](auto& w) { w->SetFileSpec("/d/s.csv"); }, "file path: copy \"\", live \"/d/s.csv\""},
-      {[](auto& w) { w->GetTrendsInfo()->SetText("q"); }, "trends: copy \"\", live \"q\""},
-      {[](auto& w) { w->SetDirty(false); }, "dirty flag: copy true, live false"},
-      {[this](auto&) { source->rows = 7; }, "row count: copy 0, live 7"},
-      {[&set](auto& w) { w->SetMRSets({set}); }, "extension 7 differs; extension 19 differs"},
-      {[&set](auto& w) { w->SetVariableSets({set}); }, "extension 5 differs"},
-      {[](auto& w) { w->SetExtension(QUOR_DataSource::Extension(0, "r")); }, "extension 0 differs"},
-      {[](auto& w) { w->SetExtension(QUOR_DataSource::Extension(DataFreeDataSource(), 0)); },
-       "extension 0 differs"},
-      {[&attributes](auto& w) { w->SetAttributes(attributes); }, "extension 17 differs"},
-      {[&c](auto& w) { w->SetSplit(1, c, true), w->DeleteVariables(0, 0); },
-       "variables from position 0: copy [0:3 C, 0:2 b], live [0:2 b]; weight: copy 0:3, live "
-       "none"},
-      // Back under its identifier: weight and split come back with it.
-      {[](auto& w) { w->InsertVariable(1, Var('C')); },
-       "variables from position 1: copy [], live [0:3 C]; weight: copy none, live 0:3; split: "
-       "copy [], live [0:3]"},
       {[](auto& w) {
-         w.BulkVarMoves(), w.IncrementCaseSequence();
-         w->DeleteVariables(0, 0), w->InsertVariable(1, Var('B'));
+         w->DeleteVariables(0, 0), w->SetLabel(nullptr), w->SetFilterVar(-1);
+         w->SetExtension(QUOR_DataSource::Extension(DataFreeDataSource(), 0));
        },
-       "variables from position 0: copy [0:2 b, 0:3 C], live [0:3 C, 0:2 B]"},
-      {[](auto& w) { w->SetFilterVar(-1); }, "filter: copy 0:2, live none"},
-      // Insert [X] before C, then Delete [C]: the insert names what goes next.
-      {[](auto& w) { w->DeleteVariables(0, 0), w->InsertVariable(0, Var('X')); },
-       "variables from position 0: copy [0:3 C, 0:2 B], live [0:24 X, 0:2 B]; weight: copy 0:3, "
-       "live none; split: copy [0:3], live []"},
+       "variables from position 0: copy [0:2 b, 0:3 C], live [0:3 C]; filter: copy 0:2, live "
+       "none; split: copy [0:2], live []; label: copy \"L\", live \"\"; extension 0 differs"},
+      {[](auto& w) { w->InsertVariable(0, QUOR_Variable(Id('B'), "b")); },
+       "variables from position 0: copy [0:3 C], live [0:2 b, 0:3 C]; split: copy [], live [0:2]"},
+      {[](auto& w) { w.BulkVarMoves(), w.IncrementCaseSequence(), w->DeleteVariables(1, 1); },
+       "variables from position 1: copy [0:3 C], live []; weight: copy 0:3, live none"},
+      {[](auto& w) { w->SetSplit(0, nullptr, true), w->SetDirty(false); },
+       "split: copy [0:2], live []; dirty flag: copy true, live false"},
+      {[](auto& w) { w->SetSplit(0, nullptr, false); }, ""},  // the flag alone means nothing
   };
   for (auto const& [edit, differences] : rows) {
     SCOPED_TRACE(differences);
