@@ -1,3 +1,4 @@
+#include <functional>
 #include <stdexcept>
 #include <thread>
 
@@ -96,14 +97,21 @@ TEST_F(RegistryTest, ObserversStandOnceInOrderOfRegistrationAndMayLeaveInTheirNo
                         "A created 32 three"}));
 }
 
-// A thread that sets a password waits while this one holds the registry
-// inside a deletion notice.
-TEST_F(RegistryTest, PasswordWaitsWhileAnotherThreadHoldsTheRegistry) {
+// Operations on threads of their own wait while this one holds the
+// registry inside a deletion notice.
+TEST_F(RegistryTest, OperationsWaitWhileAnotherThreadHoldsTheRegistry) {
   LocallyUniqueID const id = Add(), other = Add();
-  std::future<void> password;
+  std::function<void()> const operations[] = {
+      [&] { registry.Password(id, "pw", false); }, [&] { registry.Register(b); },
+      [&] { registry.Unregister(b); }, [&] { registry.GetAllDatasets(); },
+      [&] { registry.AddEmpty(true); }};
+  std::vector<std::future<void>> waiting;
   a.then = [&] {
-    password = std::async(std::launch::async, [&] { registry.Password(id, "pw", false); });
-    EXPECT_TRUE(Waits(password)) << "finished while the registry was held";
+    if (!waiting.empty()) return;
+    for (auto const& operation : operations) {
+      waiting.push_back(std::async(std::launch::async, operation));
+    }
+    for (auto const& run : waiting) EXPECT_TRUE(Waits(run)) << "finished while held";
   };
   registry.Delete(other);
 }

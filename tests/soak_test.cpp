@@ -1,7 +1,7 @@
 // Eight threads on one registry of sixteen dataset slots: every way of
 // adding, replacing under an identifier and deleting, reads, writes editing
-// at random or swapping the source, try-writers that meet 55, registry and
-// dataset observers coming and going, clients joining late. Every dataset
+// at random or swapping the source, try-writers that meet 55, dataset
+// observers coming and going, clients joining late. Every dataset
 // observer keeps a client copy that must equal the live dictionary at every
 // pass. Run it under the thread sanitizer. By hand, longer:
 //   SDM_SOAK_SEED=7 SDM_SOAK_OPS=5000000 sdm_soak_tests
@@ -37,16 +37,13 @@ struct Watcher : SvrDMDataSetObserver {
   long mismatches = 0;
 };
 
-// A thread's own: its random numbers and variable serials, and the registry
-// observer (itself) and late client that it registers and removes.
-struct Worker : ServerDataManagerObserver {
-  void DataSetCreated(LocallyUniqueID const&, std::string const&) override {}
-  void DataSetDeleted(LocallyUniqueID const&) override {}
+// A thread's own: its random numbers and variable serials, and the late
+// client that it registers and removes.
+struct Worker {
   int Below(int n) { return static_cast<int>(random() % static_cast<uint32_t>(n)); }
   TrackedSource* Chain() { return TrackedSource::Chain(1 + Below(3), Below(5), (serial += 8) - 8); }
   std::mt19937 random;
   uint32_t serial = 0;
-  bool registered = false;
   Watcher* late = nullptr;
   SvrDMItemPtr lateItem;
 };
@@ -65,7 +62,6 @@ class Soak : public ::testing::Test {
         ++busy_;
       }
     }
-    if (w.registered) registry_.Unregister(w);
   }
 
   void Step(Worker& w, std::atomic<uint32_t>& slot, int choice) {
@@ -83,9 +79,6 @@ class Soak : public ::testing::Test {
       registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
     } else if (choice < 18) {
       registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
-    } else if (choice < 24) {
-      w.registered = !w.registered;
-      w.registered ? registry_.Register(w) : registry_.Unregister(w);
     } else if (choice < 32) {  // a late client comes or goes
       SvrDMItemPtr item = w.late || id.IsNone() ? nullptr : registry_.GetDataSet(id);
       if (w.late) w.lateItem->Unregister(*std::exchange(w.late, nullptr));
