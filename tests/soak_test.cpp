@@ -13,7 +13,6 @@
 #include <gtest/gtest.h>
 
 #include "ServerDataManager.h"
-#include "support/scratchdir.h"
 #include "support/tracked_source.h"
 
 namespace {
@@ -71,7 +70,7 @@ class Soak : public ::testing::Test {
       bool const silent = w.Below(5) == 0;
       if (way == 3 && (id = LocallyUniqueID::FromWord(slot.exchange(id.kNone))).IsNone()) return;
       if (way == 0) id = registry_.AddEmpty(silent);
-      if (way == 1) id = registry_.Add(*w.Chain(), w.Below(4) ? "" : files_.PathOf("a"), silent);
+      if (way == 1) id = registry_.Add(*w.Chain(), "", silent);
       if (way == 2) id = registry_.Add(*w.Chain(), "", "password", false, silent);
       if (way == 3) registry_.Add(*w.Chain(), "", silent, id, 0);
       // Its client, before any pass can run: that access's pass tells it everything.
@@ -111,7 +110,6 @@ class Soak : public ::testing::Test {
     return watchers_.emplace_back(new Watcher).get();
   }
 
-  ScratchDir files_;
   std::mutex watchersMutex_;
   std::deque<std::unique_ptr<Watcher>> watchers_;  // outlive every item
   ServerDataManager registry_;
@@ -121,11 +119,9 @@ class Soak : public ::testing::Test {
 
 TEST_F(Soak, ManyThreadsOnOneRegistryLoseNothing) {
   long const sources = TrackedSource::live, messages = VUGlobal::LiveBlocks();
-  int const files = CountOpenDescriptors();
   uint32_t const seed = static_cast<uint32_t>(FromEnvironment("SDM_SOAK_SEED", 1));
   long const operations = FromEnvironment("SDM_SOAK_OPS", 400000) / 8;
   for (auto& slot : slots_) slot = LocallyUniqueID::kNone;
-  files_.Write("a", "a\n1\n");
   std::deque<Worker> workers(8);
   std::vector<std::thread> threads;
   for (Worker& w : workers) {
@@ -144,7 +140,6 @@ TEST_F(Soak, ManyThreadsOnOneRegistryLoseNothing) {
   EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
   EXPECT_EQ(TrackedSource::destroyedTwice, 0);
   EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
-  EXPECT_EQ(CountOpenDescriptors(), files) << "files left open";
 }
 
 }  // namespace
