@@ -1,7 +1,6 @@
 // Eight threads on one registry of sixteen dataset slots: every way of
 // adding, replacing under an identifier and deleting, reads, writes editing
-// at random or swapping the source, try-writers that meet 55, dataset
-// observers coming and going, clients joining late. Every dataset
+// at random or swapping the source, try-writers that meet 55. Every dataset
 // observer keeps a client copy that must equal the live dictionary at every
 // pass. Run it under the thread sanitizer. By hand, longer:
 //   SDM_SOAK_SEED=7 SDM_SOAK_OPS=5000000 sdm_soak_tests
@@ -36,15 +35,12 @@ struct Watcher : SvrDMDataSetObserver {
   long mismatches = 0;
 };
 
-// A thread's own: its random numbers and variable serials, and the late
-// client that it registers and removes.
+// A thread's own random numbers and variable serials.
 struct Worker {
   int Below(int n) { return static_cast<int>(random() % static_cast<uint32_t>(n)); }
   TrackedSource* Chain() { return TrackedSource::Chain(1 + Below(3), Below(5), (serial += 8) - 8); }
   std::mt19937 random;
   uint32_t serial = 0;
-  Watcher* late = nullptr;
-  SvrDMItemPtr lateItem;
 };
 
 class Soak : public ::testing::Test {
@@ -78,13 +74,6 @@ class Soak : public ::testing::Test {
       registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(id.ToWord())));
     } else if (choice < 18) {
       registry_.Delete(LocallyUniqueID::FromWord(slot.exchange(LocallyUniqueID::kNone)));
-    } else if (choice < 32) {  // a late client comes or goes
-      SvrDMItemPtr item = w.late || id.IsNone() ? nullptr : registry_.GetDataSet(id);
-      if (w.late) w.lateItem->Unregister(*std::exchange(w.late, nullptr));
-      if (!item.IsValid()) return;
-      SvrDMInputDataSource reader(item, false);  // seeded from what its watchers were told
-      (w.late = NewWatcher())->copy.Seed(*item);
-      (w.lateItem = item)->Register(*w.late);
     } else if (id.IsNone()) {
     } else if (choice < 50) {  // a reader holds and is counted
       EXPECT_GE(SvrDMInputDataSource(registry_, id, false).ReadersCount(), 1);

@@ -18,7 +18,6 @@ class NotifyTest : public ::testing::Test {
   // One watched pass brings the snapshot in line with the source, so that
   // later passes queue only what a test adds.
   NotifyTest() { item_->Register(a_), Write(item_, {}), Unregister(), log_.clear(); }
-  SvrDMItemPtr Item(LocallyUniqueID id) { return registry_.GetDataSet(id); }
   void Unregister() { item_->Unregister(a_), item_->Unregister(b_); }
   // One write access that queues a message per label and leaves out `skip`.
   void Write(SvrDMItemPtr& item, Log const& labels, SvrDMDataSetObserver* skip = nullptr) {
@@ -29,7 +28,7 @@ class NotifyTest : public ::testing::Test {
   int freed_ = 0;
   ServerDataManager registry_;
   LocallyUniqueID id_ = registry_.Add(*new TrackedSource, "", false);
-  SvrDMItemPtr item_ = Item(id_);
+  SvrDMItemPtr item_ = registry_.GetDataSet(id_);
   Log log_;
   Listener a_{"A", &log_}, b_{"B", &log_};
 };
@@ -106,7 +105,8 @@ TEST_F(NotifyTest, ObserversWaitWhileThePassComparesAndDelivers) {
 
 TEST_F(NotifyTest, EmptyDatasetIsAnnouncedInTheFirstPassWithASourceAndAMessage) {
   registry_.Register(a_);
-  SvrDMItemPtr item = Item(registry_.AddEmpty(false)), silent = Item(registry_.AddEmpty(true));
+  SvrDMItemPtr item = registry_.GetDataSet(registry_.AddEmpty(false));
+  SvrDMItemPtr silent = registry_.GetDataSet(registry_.AddEmpty(true));
   Write(item, {}), Write(silent, {});
   // The snapshot is worth updating only when someone will hear: here the
   // registry's observers, of a notice due; nobody, of the silent one.
