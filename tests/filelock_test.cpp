@@ -11,6 +11,7 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 constexpr int64_t kBase = 1600000000;
 
 // The item's data file and its chain of sources. One data file at a known
@@ -18,10 +19,7 @@ constexpr int64_t kBase = 1600000000;
 // every stream opened must be closed again.
 class FileLockTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    SetModificationTime(data_, kBase);
-    std::filesystem::create_hard_link(data_, upper_);
-  }
+  void SetUp() override { SetModificationTime(data_, kBase), fs::create_hard_link(data_, upper_); }
   void TearDown() override { EXPECT_EQ(CountOpenDescriptors(), atStart_); }
   // The file held, its base time, and the descriptors open beyond the start.
   std::string Held(SvrDMItemPtr const& item) {

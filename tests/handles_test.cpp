@@ -8,19 +8,6 @@
 
 namespace {
 
-// A handle that found nothing shows no window; the same bootstrap record
-// set twice is kept, not freed.
-TEST(HandlesTest, AHandleThatFoundNothingIsHiddenAndARecordSetTwiceIsKept) {
-  EXPECT_TRUE(SvrDMDataset(std::string("no such handle")).WindowHidden());
-  ServerDataManager registry;
-  SvrDMDataset handle(registry, registry.Add(*new TrackedSource, "", true));
-  EXPECT_FALSE(handle.WindowHidden());
-  auto* specs = new SvrBootstrapSpecs;
-  handle.SetBootstrapSpecs(specs);
-  handle.SetBootstrapSpecs(specs);
-  EXPECT_EQ(handle.GetBootstrapSpecs()->GetNSamples(), 1000);
-}
-
 // A clone has a dictionary of its own and shows its source only while it
 // builds an iterator, or when asked (and then builds none); the last clone
 // to go deletes the chain below.

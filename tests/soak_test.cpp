@@ -45,20 +45,6 @@ struct Worker {
 
 class Soak : public ::testing::Test {
  protected:
-  void Work(Worker& w, long operations) {
-    for (long op = 0; op < operations; ++op) {
-      int const choice = w.Below(100);
-      try {
-        Step(w, slots_[w.Below(16)], choice);
-      } catch (ErrorMsg const& error) {
-        EXPECT_EQ(error.GetCode(), 2001u);  // deleted since the slot was read
-      } catch (int code) {
-        EXPECT_TRUE(code == 55 && choice >= 90);
-        ++busy_;
-      }
-    }
-  }
-
   void Step(Worker& w, std::atomic<uint32_t>& slot, int choice) {
     LocallyUniqueID id = LocallyUniqueID::FromWord(slot);
     if (choice < 14) {  // a new dataset in the slot, in one of four ways; the one displaced goes
@@ -116,7 +102,19 @@ TEST_F(Soak, ManyThreadsOnOneRegistryLoseNothing) {
   for (Worker& w : workers) {
     w.serial = static_cast<uint32_t>(threads.size() + 1) << 22;
     w.random.seed(seed * 7919u + w.serial);
-    threads.emplace_back([&] { Work(w, operations); });
+    threads.emplace_back([&] {
+      for (long op = 0; op < operations; ++op) {
+        int const choice = w.Below(100);
+        try {
+          Step(w, slots_[w.Below(16)], choice);
+        } catch (ErrorMsg const& error) {
+          EXPECT_EQ(error.GetCode(), 2001u);  // deleted since the slot was read
+        } catch (int code) {
+          EXPECT_TRUE(code == 55 && choice >= 90);
+          ++busy_;
+        }
+      }
+    });
   }
   for (std::thread& thread : threads) thread.join();
   for (SvrDMDataset const& open : registry_.GetAllDatasets()) {
@@ -125,7 +123,6 @@ TEST_F(Soak, ManyThreadsOnOneRegistryLoseNothing) {
   for (auto const& watcher : watchers_) EXPECT_EQ(watcher->mismatches, 0) << watcher->error;
   EXPECT_GT(busy_, 0) << "no try-writer met a held lock";
   registry_.Clear();
-  workers.clear();
   EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
   EXPECT_EQ(TrackedSource::destroyedTwice, 0);
   EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
