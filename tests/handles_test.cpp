@@ -8,22 +8,6 @@
 
 namespace {
 
-TEST(HandlesTest, AHandleShowsItsItemAtOnceAndOneThatFoundNothingIsHidden) {
-  EXPECT_TRUE(SvrDMDataset(std::string("no such handle")).WindowHidden());
-  ServerDataManager registry;
-  LocallyUniqueID const id = registry.Add(*new TrackedSource, "", true);
-  SvrDMDataset handle(registry, id);
-  EXPECT_FALSE(handle.WindowHidden());
-  handle.WindowHidden(true);
-  EXPECT_TRUE(handle.WindowHidden());
-  auto* specs = new SvrBootstrapSpecs;
-  handle.SetBootstrapSpecs(specs);
-  handle.SetBootstrapSpecs(specs);  // the same record again is kept, not freed
-  EXPECT_EQ(handle.GetBootstrapSpecs()->GetNSamples(), 1000);
-  SvrDMWriteableDataSource(registry, id, false, nullptr).IncrementCaseSequence();
-  EXPECT_EQ(handle.GetCaseSequence(), 1u);
-}
-
 // A clone has a dictionary of its own and shows its source only while it
 // builds an iterator, or when asked (and then builds none); the last clone
 // to go deletes the chain below.
@@ -41,13 +25,13 @@ TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShareTheChainTheLastOneDele
   std::unique_ptr<SvrDMCloneDataSource> copy(new SvrDMCloneDataSource(*clone));
   EXPECT_EQ(copy->ColumnCount(), clone->ColumnCount());
   delete clone;
+  EXPECT_TRUE(destroyed.empty());
   OBS row;
   std::unique_ptr<ObsIterator> iterator(copy->MakeIterator(&row));
   EXPECT_EQ(copy->GetParentSource(), nullptr);
   ASSERT_TRUE(iterator->Next());  // the iterator outlives the link it was built through
   EXPECT_EQ(row.fields.at(0), "101");
   iterator = nullptr;
-  EXPECT_TRUE(destroyed.empty());
   copy = nullptr;
   EXPECT_EQ(destroyed, std::vector<std::string>{"root"});
 }

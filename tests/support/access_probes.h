@@ -1,6 +1,6 @@
 // Small stand-ins for the tests of access and notification: a message that
-// counts its end, an observer that logs what it hears, and bystander threads
-// for tests that hold a lock.
+// counts its end, an observer that logs what it hears, a try for write
+// access, and a check for a thread that must wait on a lock.
 #ifndef SDM_TESTS_SUPPORT_ACCESS_PROBES_H
 #define SDM_TESTS_SUPPORT_ACCESS_PROBES_H
 
@@ -8,7 +8,6 @@
 #include <functional>
 #include <future>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -62,25 +61,10 @@ inline int TryWrite(SvrDMItemPtr item) {
   return 0;
 }
 
-// Runs each named operation on a thread of its own, for a test that holds a
-// lock they all need; what they throw is dropped. Early() names those that
-// finished within a pause long enough for an operation that waits for
-// nothing. Its end waits for them all: keep it until the lock is released.
-struct Bystanders {
-  using Operations = std::vector<std::pair<std::string, std::function<void()>>>;
-  explicit Bystanders(Operations const& operations) {
-    for (auto const& [name, run] : operations)
-      runs.emplace_back(name, std::async(std::launch::async, run));
-  }
-  std::vector<std::string> Early() {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    std::vector<std::string> early;
-    for (auto const& [name, run] : runs) {
-      if (run.wait_for(std::chrono::seconds(0)) == std::future_status::ready) early.push_back(name);
-    }
-    return early;
-  }
-  std::vector<std::pair<std::string, std::future<void>>> runs;
-};
+// Whether `run`, started while this thread holds a lock it needs, is still
+// waiting after a pause long enough for an operation that waits for nothing.
+inline bool Waits(std::future<void> const& run) {
+  return run.wait_for(std::chrono::milliseconds(100)) == std::future_status::timeout;
+}
 
 #endif  // SDM_TESTS_SUPPORT_ACCESS_PROBES_H
