@@ -64,8 +64,6 @@ struct World {
   QUOR_DataSource* next = nullptr;
   SvrDMItemPtr item;
   SvrDMWriteableDataSource* writer = nullptr;  // ended by delete: its end may throw
-  std::string text;
-  SvrBootstrapSpecs specs;
 };
 
 struct Scenario {
@@ -220,19 +218,6 @@ std::vector<Scenario> const& Scenarios() {
       SetDataSetCase("SetDataSetDescendant", 4),
       SetDataSetCase("SetDataSetUnrelated", 5),
       SetDataSetCase("SetDataSetNull", 6),
-      // A failed read leaves what a read of some cut of the form leaves: the
-      // fields before the failure new, the others as they were, each whole.
-      {"DeserializeSpecs", [](World& w) { w.text = Seed("rich_le"); },
-       [](World& w) { SvrBootstrapSpecsSerializer::deserializeSpecs(w.text, w.specs); },
-       [](World& w, bool) {
-         bool found = false;
-         for (std::size_t cut = 0; cut <= w.text.size() && !found; ++cut) {
-           SvrBootstrapSpecs read;
-           SvrBootstrapSpecsSerializer::deserializeSpecs(w.text.substr(0, cut), read);
-           found = read.IdenticalTo(w.specs);
-         }
-         EXPECT_TRUE(found) << "a field was left half read";
-       }},
   };
   return all;
 }

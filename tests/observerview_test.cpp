@@ -207,13 +207,6 @@ TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsOnlyAndNeverForSharedNam
   item->observerView.Update();
   item->observerView.Update();
   EXPECT_EQ(Take(), Lines{});
-
-  // A chain whose root is no file source: the view takes the FileSpec silently.
-  item->SetDataSet(new DataFreeDataSource());
-  item->dataSource->SetFileSpec("/elsewhere.csv");
-  item->observerView.Update();
-  EXPECT_EQ(Take(), Lines{"ResetUndoMsg"});
-  EXPECT_EQ(std::string(item->observerView.Snapshot().GetFileSpec()), "/elsewhere.csv");
 }
 
 TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
