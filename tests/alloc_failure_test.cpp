@@ -26,11 +26,10 @@
 namespace {
 
 // Written once: a run must leave no block behind, a growing list included.
-std::string const& File(int i) {
+std::string const& File() {
   static ScratchDir dir;
-  static std::string const files[] = {dir.Write("data-file-with-a-long-name-0.csv", "a\n1\n"),
-                                      dir.Write("data-file-with-a-long-name-1.csv", "a\n1\n")};
-  return files[i];
+  static std::string const file = dir.Write("data-file-with-a-long-name.csv", "a\n1\n");
+  return file;
 }
 
 std::string Seed(std::string const& name) {
@@ -59,9 +58,7 @@ struct World {
   }
   Watcher watcher;
   ServerDataManager registry;
-  long sourcesBefore = 0, blocks = 0, deleted = 0;
   TrackedSource* source = nullptr;
-  QUOR_DataSource* next = nullptr;
   SvrDMItemPtr item;
   SvrDMWriteableDataSource* writer = nullptr;  // ended by delete: its end may throw
 };
@@ -129,7 +126,7 @@ void EditEveryWay(TrackedSource& s) {
   int const split[] = {1, 3};
   s.SetSplit(2, split, true);
   s.SetLabel("a dataset label");
-  s.SetFileSpec(File(0).c_str());
+  s.SetFileSpec(File().c_str());
   s.RowsPerImputation(2);
   s.GetTrendsInfo()->SetText("trends");
   VariableSetImpl set;
@@ -173,51 +170,12 @@ void CheckEnd(World& w, bool threw) {
   w.item->Unregister(w.watcher);
 }
 
-// A dataset over a chain of three takes a new head: the same one (2), an
-// ancestor (3), a descendant (4), an unrelated chain (5) or none (6).
-Scenario SetDataSetCase(std::string name, int which) {
-  auto prepare = [which](World& w) {
-    w.source = TrackedSource::Chain(3, 2, 100);
-    w.item = w.registry.GetDataSet(w.registry.Add(*w.source, File(1), true));
-    w.item->FileName(File(1));
-    w.next = which == 2   ? w.source
-             : which == 3 ? w.source->GetParentSource()
-             : which == 6 ? nullptr
-                          : TrackedSource::Chain(which == 4 ? 1 : 2, 2, 200);
-    if (which == 4) w.next->SetParentSource(w.source);
-    w.deleted = which == 3 ? 1 : which >= 5 ? 3 : 0;
-    w.sourcesBefore = TrackedSource::live;
-    w.blocks = VUGlobal::LiveBlocks();
-    w.writer = new SvrDMWriteableDataSource(w.item, false, nullptr);
-  };
-  // The head changes and what it no longer reaches goes, whatever fails; a
-  // reset message is queued whole or not at all; after a failure the file
-  // is not held.
-  auto check = [](World& w, bool threw) {
-    EXPECT_EQ(w.item->dataSource, w.next);
-    EXPECT_EQ(TrackedSource::live, w.sourcesBefore - w.deleted) << "sources deleted wrongly";
-    EXPECT_EQ(VUGlobal::LiveBlocks(), w.blocks + static_cast<long>(w.item->notifications.size()));
-    EXPECT_TRUE(threw ? w.item->notifications.size() <= 1 : w.item->notifications.size() == 1u);
-    EXPECT_EQ(w.item->lockedFile != nullptr, !threw && w.next != nullptr);
-    delete std::exchange(w.writer, nullptr);
-    SvrDMWriteableDataSource again(w.item, true, nullptr);
-    again.SetDataSet(TrackedSource::Chain(2, 1, 300));
-    EXPECT_NE(w.item->lockedFile, nullptr) << "the file is not held again";
-  };
-  return {std::move(name), prepare, [](World& w) { w.writer->SetDataSet(w.next); }, check};
-}
-
 std::vector<Scenario> const& Scenarios() {
   static std::vector<Scenario> const all = {
       {"EndOfAWriteAccessFindingEveryDifference", [](World& w) { Edited(w, false); },
        [](World& w) { delete std::exchange(w.writer, nullptr); }, CheckEnd},
       {"EndOfAWriteAccessInBulk", [](World& w) { Edited(w, true); },
        [](World& w) { delete std::exchange(w.writer, nullptr); }, CheckEnd},
-      SetDataSetCase("SetDataSetSameHead", 2),
-      SetDataSetCase("SetDataSetAncestor", 3),
-      SetDataSetCase("SetDataSetDescendant", 4),
-      SetDataSetCase("SetDataSetUnrelated", 5),
-      SetDataSetCase("SetDataSetNull", 6),
   };
   return all;
 }
@@ -240,6 +198,19 @@ TEST_P(AllocationFailure, EveryAllocationFailedInTurn) {
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, AllocationFailure, ::testing::ValuesIn(Scenarios()),
                          [](auto const& info) { return info.param.name; });
+
+// A message that cannot be queued is deleted, not left to leak, and the
+// failure passes to the caller.
+TEST(QueueTest, AMessageTheQueueCannotTakeIsDeleted) {
+  SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(), nullptr, nullptr, 0, "", true));
+  long const blocks = VUGlobal::LiveBlocks();
+  DataSetMsg* message = new ResetUndoMsg();
+  failing_new::Arm(1, false);
+  EXPECT_THROW(item->QueueNotification(message), std::bad_alloc);
+  failing_new::Disarm();
+  EXPECT_EQ(VUGlobal::LiveBlocks(), blocks);
+  EXPECT_TRUE(item->notifications.empty());
+}
 
 // Every cut of every bootstrap seed, and every seed with any four bytes
 // turned into a count promising far or just too much in either byte order,
