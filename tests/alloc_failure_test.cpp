@@ -1,14 +1,14 @@
-// Fails every allocation of an operation in turn (k = 1, 2, ... until a run
-// fails nothing), once with only the k-th failing and once with every one
-// from the k-th on, and checks what is promised to survive; then, with
-// memory back, that the item still works and that no source, block or file
-// is left over. Also sweeps hostile bootstrap forms.
+// Fails every allocation of the end of a write access that changes
+// everything in turn (k = 1, 2, ... until a run fails nothing), once with
+// only the k-th failing and once with every one from the k-th on, on both
+// paths of the variable stage; a watcher must lose nothing, and nothing may
+// be left over. Also: a message the queue cannot take, and hostile
+// bootstrap forms.
 #include <dirent.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <memory>
 #include <new>
@@ -49,7 +49,7 @@ struct Watcher : SvrDMDataSetObserver {
   int count = 0;
   SvrDMClientCopy client;
 };
-// One run's state: a registry and what a scenario keeps.
+// One run's state: a registry, the edited dataset and its open write access.
 struct World {
   ~World() {
     delete writer;
@@ -62,48 +62,6 @@ struct World {
   SvrDMItemPtr item;
   SvrDMWriteableDataSource* writer = nullptr;  // ended by delete: its end may throw
 };
-
-struct Scenario {
-  std::string name;
-  std::function<void(World&)> prepare, act;
-  std::function<void(World&, bool threw)> check;  // what survives, and that it works
-};
-void PrintTo(Scenario const& scenario, std::ostream* out) { *out << scenario.name; }
-
-// One run with the k-th allocation failing (0: none); returns how many failed.
-long RunOnce(Scenario const& s, long k, bool persistent) {
-  long const sources = TrackedSource::live, messages = VUGlobal::LiveBlocks();
-  long const blocks = failing_new::LiveBlocks();
-  int const descriptors = CountOpenDescriptors();
-  long failed = 0;
-  {
-    World w;
-    if (s.prepare) s.prepare(w);
-    failing_new::Arm(k, persistent);
-    bool threw = false;
-    try {
-      s.act(w);
-    } catch (std::bad_alloc const&) {
-      threw = true;
-    }
-    failing_new::Disarm();
-    failed = failing_new::Failed();
-    EXPECT_TRUE(!threw || failed > 0);
-    s.check(w, threw);
-  }
-  EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
-  EXPECT_EQ(TrackedSource::destroyedTwice, 0);
-  EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
-  EXPECT_EQ(CountOpenDescriptors(), descriptors) << "files left open";
-  // Not after the first run, which builds what the libraries build once.
-  if (k > 0 && !::testing::Test::HasFailure()) {
-    EXPECT_EQ(failing_new::LiveBlocks(), blocks) << "blocks left over";
-  }
-  return failed;
-}
-
-// ---------------------------------------------------------------------------
-// The scenarios.
 
 // Eight variables over a data-file root, so a new file path is announced.
 TrackedSource* StartingSource() {
@@ -170,19 +128,42 @@ void CheckEnd(World& w, bool threw) {
   w.item->Unregister(w.watcher);
 }
 
-std::vector<Scenario> const& Scenarios() {
-  static std::vector<Scenario> const all = {
-      {"EndOfAWriteAccessFindingEveryDifference", [](World& w) { Edited(w, false); },
-       [](World& w) { delete std::exchange(w.writer, nullptr); }, CheckEnd},
-      {"EndOfAWriteAccessInBulk", [](World& w) { Edited(w, true); },
-       [](World& w) { delete std::exchange(w.writer, nullptr); }, CheckEnd},
-  };
-  return all;
+// One run of the end of a write access on the given path with the k-th
+// allocation failing (0: none); returns how many failed.
+long RunOnce(bool bulk, long k, bool persistent) {
+  long const sources = TrackedSource::live, messages = VUGlobal::LiveBlocks();
+  long const blocks = failing_new::LiveBlocks();
+  int const descriptors = CountOpenDescriptors();
+  long failed = 0;
+  {
+    World w;
+    Edited(w, bulk);
+    failing_new::Arm(k, persistent);
+    bool threw = false;
+    try {
+      delete std::exchange(w.writer, nullptr);
+    } catch (std::bad_alloc const&) {
+      threw = true;
+    }
+    failing_new::Disarm();
+    failed = failing_new::Failed();
+    EXPECT_TRUE(!threw || failed > 0);
+    CheckEnd(w, threw);
+  }
+  EXPECT_EQ(TrackedSource::live, sources) << "data sources left over";
+  EXPECT_EQ(TrackedSource::destroyedTwice, 0);
+  EXPECT_EQ(VUGlobal::LiveBlocks(), messages) << "message blocks left over";
+  EXPECT_EQ(CountOpenDescriptors(), descriptors) << "files left open";
+  // Not after the first run, which builds what the libraries build once.
+  if (k > 0 && !::testing::Test::HasFailure()) {
+    EXPECT_EQ(failing_new::LiveBlocks(), blocks) << "blocks left over";
+  }
+  return failed;
 }
 
-class AllocationFailure : public ::testing::TestWithParam<Scenario> {};
+class AllocationFailure : public ::testing::TestWithParam<bool> {};  // on the bulk path
 
-TEST_P(AllocationFailure, EveryAllocationFailedInTurn) {
+TEST_P(AllocationFailure, EndOfAWriteAccessChangingEverythingLosesNoWatcher) {
   for (bool persistent : {false, true}) {
     long k = 0;
     RunOnce(GetParam(), 0, persistent);
@@ -191,13 +172,12 @@ TEST_P(AllocationFailure, EveryAllocationFailedInTurn) {
                    " failing");
       if (RunOnce(GetParam(), k, persistent) == 0) break;
     }
-    std::printf("[ injection ] %-40s %-10s %3ld points\n", GetParam().name.c_str(),
+    std::printf("[ injection ] %-11s %-10s %3ld points\n", GetParam() ? "bulk" : "incremental",
                 persistent ? "persistent" : "transient", k - 1);
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Scenarios, AllocationFailure, ::testing::ValuesIn(Scenarios()),
-                         [](auto const& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Paths, AllocationFailure, ::testing::Bool());
 
 // A message that cannot be queued is deleted, not left to leak, and the
 // failure passes to the caller.
