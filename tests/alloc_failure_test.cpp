@@ -7,10 +7,8 @@
 #include <dirent.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <memory>
 #include <new>
 #include <string>
 #include <thread>
@@ -31,11 +29,6 @@ std::string const& File() {
   static ScratchDir dir;
   static std::string const file = dir.Write("data-file-with-a-long-name.csv", "a\n1\n");
   return file;
-}
-
-std::string Seed(std::string const& name) {
-  std::ifstream in(std::string(SDM_BOOTSTRAP_CORPUS_DIR) + "/" + name, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // A client of the dataset: applies every queue it is shown to its copy,
@@ -265,7 +258,8 @@ TEST(BootstrapSweep, NoFormAllocatesBeyondItsSize) {
   ASSERT_NE(listing, nullptr);
   while (dirent const* entry = readdir(listing)) {
     if (entry->d_name[0] == '.') continue;
-    std::string const form = Seed(entry->d_name);
+    std::ifstream in(std::string(SDM_BOOTSTRAP_CORPUS_DIR) + "/" + entry->d_name);
+    std::string const form{std::istreambuf_iterator<char>(in), {}};
     for (std::size_t length = 0; length <= form.size(); ++length) read(form.substr(0, length));
     for (std::size_t at = 0; at + 4 <= form.size(); ++at) {
       for (uint32_t value : {0xFFFFFFFFu, 0x80000000u, 0x80u, uint32_t(form.size() - at) / 4}) {

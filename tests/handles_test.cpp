@@ -36,4 +36,20 @@ TEST(CloneDataSourceTest, ClonesOwnTheirDictionaryAndShareTheChainTheLastOneDele
   EXPECT_EQ(destroyed, std::vector<std::string>{"root"});
 }
 
+// A handle reads and writes its item's fields: a window that is shown reads
+// so, and one that found no item reads as hidden; the bootstrap record is
+// the item's to own, and the same record set again is kept.
+TEST(DatasetHandleTest, FieldsGoThroughToTheItemAndAnEmptyHandleReadsHidden) {
+  EXPECT_TRUE(SvrDMDataset(std::string("no such handle")).WindowHidden());
+  SvrDMItemPtr item(new SvrDMItem(LocallyUniqueID(0, 1), nullptr, nullptr, 0, "", true));
+  SvrDMDataset dataset(item);
+  EXPECT_FALSE(dataset.WindowHidden());
+  dataset.WindowHidden(true);
+  EXPECT_TRUE(SvrDMDataset(item).WindowHidden());
+  auto* specs = new SvrBootstrapSpecs;
+  dataset.SetBootstrapSpecs(specs);
+  dataset.SetBootstrapSpecs(specs);
+  EXPECT_EQ(item->GetBootstrapSpecs(), specs);
+}
+
 }  // namespace

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -14,20 +13,16 @@ namespace {
 using Lines = std::vector<std::string>;
 using Serials = std::vector<uint32_t>;
 
-// A file-backed source whose row count a test can set or make throw, and
-// whose split count it can overstate.
+// A file-backed source whose row count a test can set, and whose split
+// count it can overstate.
 class TestSource : public SystemFileDataSource {
  public:
-  long long RowCount() const override {
-    if (throwOnRowCount) throw std::runtime_error("row count unavailable");
-    return rows;
-  }
+  long long RowCount() const override { return rows; }
   int GetNSplitVars() const override {
     return claimedSplit >= 0 ? claimedSplit : SystemFileDataSource::GetNSplitVars();
   }
   long long rows = 0;
   int claimedSplit = -1;  // a count to report instead of the real one
-  bool throwOnRowCount = false;
 };
 
 LocallyUniqueID Id(char letter) { return LocallyUniqueID(0, static_cast<uint32_t>(letter - '@')); }
@@ -167,15 +162,6 @@ TEST_F(ObserverViewTest, EveryPropertyChangedQueuesInTheFixedOrder) {
   Def('E').SetType(8);  // a new type also resets the clients' rows
   Live("EABCD");
   EXPECT_EQ(Update(), (Lines{"ModifyVarMsg", "ResetClientDataMsg"}));
-
-  // Every message of a pass carries the item's identifier and case sequence.
-  source->SetLabel("x");
-  item->caseSequence = 9;
-  item->observerView.Update();
-  ASSERT_EQ(item->notifications.size(), 1u);
-  EXPECT_EQ(item->notifications[0]->GetDataSetID(), Id('Z'));
-  EXPECT_EQ(item->notifications[0]->GetCaseSequence(), 9u);
-  EXPECT_EQ(item->notifications[0]->GetReserved(), 0u);
 }
 
 TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsOnlyAndNeverForSharedNames) {
@@ -196,21 +182,12 @@ TEST_F(ObserverViewTest, FileSpecIsAnnouncedForFileRootsOnlyAndNeverForSharedNam
   EXPECT_EQ(Take(), Lines{});
 }
 
-TEST_F(ObserverViewTest, UpdateInterruptedByAnExceptionResumesWhereItStopped) {
+// A source that claims more split variables than a split can hold is
+// refused before the split stage writes or queues anything. (An Update that
+// fails midway resumes at the next: the injection tests check it.)
+TEST_F(ObserverViewTest, ASplitOfMoreThanEightIsRefusedBeforeAnythingIsWritten) {
   Live("AB");
   Update();
-  Live("BAC");
-  source->rows = 6;
-  source->throwOnRowCount = true;
-  EXPECT_THROW(item->observerView.Update(), std::runtime_error);
-  // The variable stage had finished: its messages stay queued.
-  ASSERT_EQ(client.Apply(item->notifications), "");
-  EXPECT_EQ(Take(), (Lines{"MoveVarsMsg", "InsertVarsMsg"}));
-  source->throwOnRowCount = false;
-  EXPECT_EQ(Update(), Lines{"ResetClientDataMsg"});
-
-  // A source that claims more split variables than a split can hold is
-  // refused before the split stage writes or queues anything.
   source->claimedSplit = 9;
   EXPECT_THROW(item->observerView.Update(), std::out_of_range);
   EXPECT_EQ(Take(), Lines{});

@@ -1,7 +1,6 @@
 #include "support/queues.h"
 
 #include <algorithm>
-#include <memory>
 #include <sstream>
 
 namespace {
@@ -13,10 +12,9 @@ std::string Line(DataSetMsg const& message) {
 }
 
 bool IsVariableMessage(DataSetMsg const& message) {
-  return dynamic_cast<DeleteVarsMsg const*>(&message) != nullptr ||
-         dynamic_cast<InsertVarsMsg const*>(&message) != nullptr ||
-         dynamic_cast<MoveVarsMsg const*>(&message) != nullptr ||
-         dynamic_cast<ModifyVarMsg const*>(&message) != nullptr;
+  std::string const name = message.GetClassName();
+  return name.find("VarsMsg") != std::string::npos ||
+         name.find("ModifyVarMsg") != std::string::npos;
 }
 
 }  // namespace
