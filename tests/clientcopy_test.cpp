@@ -29,6 +29,7 @@ struct Client : SvrDMDataSetObserver {
   void Join(SvrDMItemPtr& item) {
     SvrDMInputDataSource reader(item, false);
     copy.Seed(*item);
+    EXPECT_EQ(copy.CaseSequence(), item->caseSequence);
     item->Register(*this);
   }
   SvrDMClientCopy copy;
@@ -142,16 +143,18 @@ TEST_F(ClientCopyTest, ClientsJoiningLateContinueTheStreamExactly) {
               QUOR_DataSource::Extension(seeded, 0).IsEmpty());
 
   // A source on no data file takes its file path unannounced; a late copy
-  // holds none either.
-  auto* plain = new DataFreeDataSource;
-  plain->SetFileSpec("/nowhere.csv");
-  SvrDMItemPtr other(new SvrDMItem(Id('Y'), plain, nullptr, 0, "", true));
-  Client watcher, late;
-  other->Register(watcher);
-  { SvrDMWriteableDataSource writer(other, false, nullptr); }
-  late.Join(other);
-  EXPECT_STREQ(late.copy.Dictionary().GetFileSpec(), watcher.copy.Dictionary().GetFileSpec());
-  EXPECT_EQ(late.copy.Differences(*plain, false), "");
+  // holds none either. Over a data file, the path is announced and kept.
+  for (bool onFile : {false, true}) {
+    auto* plain = new DataFreeDataSource;
+    if (onFile) plain->SetParentSource(new SystemFileDataSource);
+    plain->SetFileSpec("/nowhere.csv");
+    SvrDMItemPtr other(new SvrDMItem(Id('Y'), plain, nullptr, 0, "", true));
+    Client watcher, late;
+    other->Register(watcher);
+    { SvrDMWriteableDataSource writer(other, false, nullptr); }
+    late.Join(other);
+    EXPECT_EQ(late.copy.Differences(watcher.copy.Dictionary()), "");
+  }
 }
 
 // A procedure's own message, which a client passes over.

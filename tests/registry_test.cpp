@@ -70,6 +70,13 @@ TEST_F(RegistryTest, ObserversStandOnceInOrderOfRegistrationAndMayLeaveInTheirNo
   EXPECT_THROW(Add("", "three"), std::runtime_error);  // before B heard
   EXPECT_EQ(log, (Lines{"A created 0 one", "B created 16 two", "A created 16 two",
                         "A created 32 three"}));
+  // A notice that deletes an earlier dataset shifts the table under the deletion.
+  int notices = 0;
+  b.then = nullptr;  // a deletion notice leaves the observers alone
+  a.then = [&] { if (notices++ == 0) registry.Delete(LocallyUniqueID(0, 0)); };
+  registry.Delete(LocallyUniqueID(0, 1));
+  EXPECT_EQ(registry.GetAllDatasets().size(), 1u);
+  EXPECT_NO_THROW(registry.GetDataSet(LocallyUniqueID(0, 2)));
 }
 
 // Operations on threads of their own wait while this one holds the
@@ -79,7 +86,7 @@ TEST_F(RegistryTest, OperationsWaitWhileAnotherThreadHoldsTheRegistry) {
   std::function<void()> const operations[] = {
       [&] { registry.Password(id, "pw", false); }, [&] { registry.Register(b); },
       [&] { registry.Unregister(b); }, [&] { registry.GetAllDatasets(); },
-      [&] { registry.AddEmpty(true); }};
+      [&] { registry.AddEmpty(true); }, [&] { registry.SavFileExternallyChanged("f"); }};
   std::vector<std::future<void>> waiting;
   a.then = [&] {
     if (!waiting.empty()) return;
