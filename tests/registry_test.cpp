@@ -73,7 +73,9 @@ TEST_F(RegistryTest, ObserversStandOnceInOrderOfRegistrationAndMayLeaveInTheirNo
   // A notice that deletes an earlier dataset shifts the table under the deletion.
   int notices = 0;
   b.then = nullptr;  // a deletion notice leaves the observers alone
-  a.then = [&] { if (notices++ == 0) registry.Delete(LocallyUniqueID(0, 0)); };
+  a.then = [&] {
+    if (notices++ == 0) registry.Delete(LocallyUniqueID(0, 0));
+  };
   registry.Delete(LocallyUniqueID(0, 1));
   EXPECT_EQ(registry.GetAllDatasets().size(), 1u);
   EXPECT_NO_THROW(registry.GetDataSet(LocallyUniqueID(0, 2)));
@@ -83,10 +85,12 @@ TEST_F(RegistryTest, ObserversStandOnceInOrderOfRegistrationAndMayLeaveInTheirNo
 // registry inside a deletion notice.
 TEST_F(RegistryTest, OperationsWaitWhileAnotherThreadHoldsTheRegistry) {
   LocallyUniqueID const id = Add(), other = Add();
-  std::function<void()> const operations[] = {
-      [&] { registry.Password(id, "pw", false); }, [&] { registry.Register(b); },
-      [&] { registry.Unregister(b); }, [&] { registry.GetAllDatasets(); },
-      [&] { registry.AddEmpty(true); }, [&] { registry.SavFileExternallyChanged("f"); }};
+  std::function<void()> const operations[] = {[&] { registry.Password(id, "pw", false); },
+                                              [&] { registry.Register(b); },
+                                              [&] { registry.Unregister(b); },
+                                              [&] { registry.GetAllDatasets(); },
+                                              [&] { registry.AddEmpty(true); },
+                                              [&] { registry.SavFileExternallyChanged("f"); }};
   std::vector<std::future<void>> waiting;
   a.then = [&] {
     if (!waiting.empty()) return;
