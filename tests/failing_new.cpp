@@ -14,9 +14,8 @@
 namespace {
 // Per thread and trivially initialised, so reading them allocates nothing.
 thread_local bool tArmed = false, tPersistent = false;
-thread_local long tFailAt = 0, tCounted = 0, tFailed = 0;
+thread_local long tFailAt = 0, tCounted = 0, tFailed = 0, tHeld = 0;
 thread_local std::size_t tLargest = 0;
-thread_local long tHeld = 0;
 std::atomic<long> gLive{0};
 
 bool ShouldFail(std::size_t size) {

@@ -214,9 +214,6 @@ TEST_F(ObserverViewTest, DuplicateIdentifiersAreRefusedBeforeAnythingChanges) {
       EXPECT_TRUE(VariablesOf(item->observerView.Snapshot()) == before);
     }
   }
-  item->observerView.BulkVarMoves(false);
-  Live(ids);
-  Update();
 }
 
 }  // namespace
